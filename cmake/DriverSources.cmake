@@ -1,0 +1,12 @@
+# The driver's sources, shared by both targets. Paths are relative to the
+# project root; nothing else in the tree names driver sources.
+set(AMBREL_DRIVER_SOURCES
+    common/amunknown.cpp
+)
+# Sources that need the I/O manager (request completion and everything that
+# handles requests).
+set(AMBREL_DRIVER_IO_SOURCES
+    common/amcomplete.cpp
+)
+list(TRANSFORM AMBREL_DRIVER_SOURCES PREPEND "${PROJECT_SOURCE_DIR}/")
+list(TRANSFORM AMBREL_DRIVER_IO_SOURCES PREPEND "${PROJECT_SOURCE_DIR}/")

@@ -1,0 +1,66 @@
+#!/usr/bin/env bash
+# Sets everything up and runs the whole test suite:
+#   1. host build, every test with the host verifier on;
+#   2. the same under AddressSanitizer + UndefinedBehaviorSanitizer;
+#   3. the concurrency tests under ThreadSanitizer;
+#   4. ambrel.sys for Windows x64 and its PE audit;
+#   5. the fuzzers' smoke runs (clang, libFuzzer);
+#   6. the benchmarks' smoke run (they must run; figures come from scripts/bench.sh).
+# AMBREL_STEPS="host asan" limits the run to some steps.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/setup.sh
+
+steps=${AMBREL_STEPS:-"host asan tsan windows fuzz bench"}
+jobs=$(nproc)
+want() { [[ " $steps " == *" $1 "* ]]; }
+banner() { printf '\n==== %s ====\n' "$*"; }
+configure_and_build() {
+    local dir=$1
+    shift
+    cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
+    cmake --build "$dir" -j"$jobs"
+}
+
+if want host; then
+    banner "host build and tests (verifier on)"
+    configure_and_build build/host -DCMAKE_BUILD_TYPE=Debug
+    ctest --test-dir build/host --output-on-failure -j"$jobs" --timeout 300
+fi
+
+if want asan; then
+    banner "AddressSanitizer + UndefinedBehaviorSanitizer"
+    configure_and_build build/asan -DCMAKE_BUILD_TYPE=Debug -DAMBREL_SANITIZE=address,undefined
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+        ctest --test-dir build/asan --output-on-failure -j"$jobs" --timeout 600
+fi
+
+if want tsan; then
+    banner "ThreadSanitizer (concurrency tests)"
+    configure_and_build build/tsan -DCMAKE_BUILD_TYPE=Debug -DAMBREL_SANITIZE=thread
+    TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+        ctest --test-dir build/tsan --output-on-failure -j"$jobs" -L concurrency --timeout 900
+fi
+
+if want windows && [ -f cmake/mingw-w64-x86_64.cmake ]; then
+    banner "ambrel.sys for Windows x64 and its PE audit"
+    configure_and_build build/windows -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake
+    python3 tools/pe_audit.py build/windows/ambrel.sys build/windows
+fi
+
+if want fuzz && [ -d fuzz ] && [ -f fuzz/CMakeLists.txt ]; then
+    banner "fuzzer smoke runs"
+    CC=clang-14 CXX=clang++-14 configure_and_build build/fuzz -DCMAKE_BUILD_TYPE=Debug \
+        -DAMBREL_FUZZERS=ON -DAMBREL_SANITIZE=address,undefined -DAMBREL_WERROR=OFF
+    bash scripts/fuzz.sh build/fuzz 20
+fi
+
+if want bench && [ -f bench/CMakeLists.txt ]; then
+    banner "benchmark smoke run"
+    configure_and_build build/bench -DCMAKE_BUILD_TYPE=Release -DAMBREL_BENCHMARKS=ON
+    for b in build/bench/bench/ambrel_bench*; do
+        [ -x "$b" ] && "$b" --benchmark_min_time=0.01 >/dev/null
+    done
+    echo "benchmarks ran"
+fi
