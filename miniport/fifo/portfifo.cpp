@@ -1,0 +1,114 @@
+// Port FIFO. Each operation moves at most two block copies, one up to the end
+// of the storage and one from its start, so the indices end where a byte loop
+// would leave them.
+#define AM_LOG_PREFIX AM_LOG_PREFIX_MINIPORT
+#include "common/amcommon.h"
+#include "portfifo.h"
+
+// Largest System Exclusive size whose ring size still fits a ULONG.
+#define FIFO_MAX_SYSEX_SIZE 0x7FFFFFFFUL
+
+ULONG FifoSizeForSysex(_In_ ULONG sysexSize)
+{
+    ULONG mask = sysexSize;
+    mask |= mask >> 1;
+    mask |= mask >> 2;
+    mask |= mask >> 4;
+    mask |= mask >> 8;
+    mask |= mask >> 16;
+    if (mask == 0) {
+        mask = 1;
+    }
+    return mask + 1;
+}
+
+NTSTATUS PortFifo::FifoCreate(_In_ ULONG sysexSize)
+{
+    NTSTATUS status = STATUS_SUCCESS;
+
+    m_PendingReadIrp = NULL;
+    m_PendingReadBuffer = NULL;
+    m_PendingReadLength = 0;
+    m_FifoHead = 0;
+    m_FifoTail = 0;
+    m_FifoBuffer = NULL;
+    m_FifoSize = 0;
+    m_FifoMask = 0;
+
+    if (sysexSize > FIFO_MAX_SYSEX_SIZE) {
+        // The open clamps the size far below this; a ring of 2^32 bytes would
+        // wrap the size to 0.
+        AmLog("CreateMiniportAmbrel ------ sysex size too large: %lu", sysexSize);
+        return STATUS_INVALID_PARAMETER;
+    }
+
+    ULONG size = FifoSizeForSysex(sysexSize);
+    ULONG mask = size - 1;
+    AmLog("CreateMiniportAmbrel ------ size: %d mask: %x", (int)size, mask);
+
+    m_FifoBuffer = (PUCHAR)ExAllocatePoolWithTag(NonPagedPoolNx, size, AMBREL_POOL_TAG);
+    if (m_FifoBuffer == NULL) {
+        AmLog("CreateMiniportAmbrel ------ insufficient resources for data-buffer (%d)", (int)size);
+        status = STATUS_INSUFFICIENT_RESOURCES;
+    } else {
+        m_FifoSize = size;
+        m_FifoMask = mask;
+        AmLog("CreateMiniportAmbrel ----- RX-Buffer-Size: %ld", size);
+    }
+    return status;
+}
+
+VOID PortFifo::FifoFree()
+{
+    if (m_FifoBuffer != NULL) {
+        ExFreePoolWithTag(m_FifoBuffer, AMBREL_POOL_TAG);
+        m_FifoBuffer = NULL;
+    }
+    m_FifoHead = 0;
+    m_FifoTail = 0;
+    m_FifoSize = 0;
+    m_FifoMask = 0;
+}
+
+VOID PortFifo::FifoPut(_In_reads_bytes_(count) const UCHAR *bytes, _In_ ULONG count)
+{
+    if (count > FifoSpace()) {
+        AmAssert(count <= FifoSpace());
+        return;
+    }
+    if (count == 0) {
+        return;
+    }
+
+    ULONG first = m_FifoSize - m_FifoHead;
+    if (first > count) {
+        first = count;
+    }
+    RtlCopyMemory(m_FifoBuffer + m_FifoHead, bytes, first);
+    if (count > first) {
+        RtlCopyMemory(m_FifoBuffer, bytes + first, count - first);
+    }
+    m_FifoHead = (m_FifoHead + count) & m_FifoMask;
+}
+
+ULONG PortFifo::FifoGet(_Out_writes_bytes_(maximum) PUCHAR destination, _In_ ULONG maximum)
+{
+    ULONG n = FifoDepth();
+    if (n > maximum) {
+        n = maximum;
+    }
+    if (n == 0) {
+        return 0;
+    }
+
+    ULONG first = m_FifoSize - m_FifoTail;
+    if (first > n) {
+        first = n;
+    }
+    RtlCopyMemory(destination, m_FifoBuffer + m_FifoTail, first);
+    if (n > first) {
+        RtlCopyMemory(destination + first, m_FifoBuffer, n - first);
+    }
+    m_FifoTail = (m_FifoTail + n) & m_FifoMask;
+    return n;
+}
