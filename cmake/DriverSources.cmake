@@ -8,5 +8,17 @@ set(AMBREL_DRIVER_SOURCES
 set(AMBREL_DRIVER_IO_SOURCES
     common/amcomplete.cpp
 )
+# Sources that need portcls as well as the I/O manager: the adapter unit's
+# driver entry, publication and control-device requests.
+set(AMBREL_DRIVER_ADAPTER_SOURCES
+    adapter/amadapter.cpp
+    adapter/amopenclose.cpp
+    adapter/amprocessids.cpp
+    adapter/ampublish.cpp
+    adapter/amreadwrite.cpp
+    adapter/amregistry.cpp
+    adapter/amrouting.cpp
+)
 list(TRANSFORM AMBREL_DRIVER_SOURCES PREPEND "${PROJECT_SOURCE_DIR}/")
 list(TRANSFORM AMBREL_DRIVER_IO_SOURCES PREPEND "${PROJECT_SOURCE_DIR}/")
+list(TRANSFORM AMBREL_DRIVER_ADAPTER_SOURCES PREPEND "${PROJECT_SOURCE_DIR}/")
