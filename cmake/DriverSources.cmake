@@ -19,6 +19,15 @@ set(AMBREL_DRIVER_ADAPTER_SOURCES
     adapter/amregistry.cpp
     adapter/amrouting.cpp
 )
+# Sources that need portcls as well as the I/O manager: the miniport unit's
+# miniport object, filter description, properties, streams and data paths.
+set(AMBREL_DRIVER_MINIPORT_SOURCES
+    miniport/amminiport.cpp
+    miniport/amdescriptor.cpp
+    miniport/amproperty.cpp
+    miniport/amstream.cpp
+)
 list(TRANSFORM AMBREL_DRIVER_SOURCES PREPEND "${PROJECT_SOURCE_DIR}/")
 list(TRANSFORM AMBREL_DRIVER_IO_SOURCES PREPEND "${PROJECT_SOURCE_DIR}/")
 list(TRANSFORM AMBREL_DRIVER_ADAPTER_SOURCES PREPEND "${PROJECT_SOURCE_DIR}/")
+list(TRANSFORM AMBREL_DRIVER_MINIPORT_SOURCES PREPEND "${PROJECT_SOURCE_DIR}/")
