@@ -2,11 +2,17 @@
 # project root; nothing else in the tree names driver sources.
 set(AMBREL_DRIVER_SOURCES
     common/amunknown.cpp
+    adapter/porttable.cpp
+    adapter/nameguid/sha1.cpp
+    adapter/nameguid/nameguid.cpp
+    miniport/fifo/portfifo.cpp
+    miniport/midiparser/midiparser.cpp
 )
 # Sources that need the I/O manager (request completion and everything that
 # handles requests).
 set(AMBREL_DRIVER_IO_SOURCES
     common/amcomplete.cpp
+    adapter/openparams.cpp
 )
 # Sources that need portcls as well as the I/O manager: the adapter unit's
 # driver entry, publication and control-device requests.
