@@ -37,8 +37,9 @@
 // ksmedia.h names TCHAR in one structure; kernel text is UTF-16.
 typedef WCHAR TCHAR;
 
-// portcls.h uses the WaveRT register and latency descriptions in IMiniportWaveRT
-// without any mingw header defining them (the driver never uses them).
+// portcls.h uses the WaveRT register and latency descriptions in the WaveRT
+// stream interfaces without any mingw header defining them (the driver never
+// uses them).
 typedef struct {
     ULONG FifoSize;
     ULONG ChipsetDelay;
@@ -57,28 +58,18 @@ typedef struct {
 #include <dmusicks.h>
 #include <ks.h>
 #include <ksmedia.h>
+
+// Unoptimised builds make mingw withhold ntstrsafe's function bodies, expecting
+// a library that no kernel link has; the inline bodies are what the kernel's
+// ntstrsafe is, so every build takes them.
+#pragma push_macro("__CRT__NO_INLINE")
+#undef __CRT__NO_INLINE
 #include <ntstrsafe.h>
-
-// ------------------------------------------------------------------ GUIDs
-// In driver sources DEFINE_GUID makes a constant with internal linkage, as on
-// the host: each unit that names one of the driver's own identifiers gets its
-// own copy and nothing has to own the storage. The kit's identifiers, declared
-// `extern` by the headers above, are defined once, in amguids.cpp.
-#undef DEFINE_GUID
-#define DEFINE_GUID(name, l, w1, w2, b1, b2, b3, b4, b5, b6, b7, b8) \
-    static const GUID name = {l, w1, w2, {b1, b2, b3, b4, b5, b6, b7, b8}}
-
-// mingw spells this as a self-assignment, which C++ refuses for a const
-// reference (REFIID, REFCLSID parameters); the WDK's form only names it.
-#undef UNREFERENCED_PARAMETER
-#define UNREFERENCED_PARAMETER(P) ((void)(P))
-
-typedef const GUID *PCGUID;
-typedef GUID *PIID;
-typedef GUID *PCLSID;
+#pragma pop_macro("__CRT__NO_INLINE")
 
 // ------------------------------------------------------------------ what mingw lacks
-// Kernel-streaming and DirectMusic identifiers that no mingw header declares.
+// Kernel-streaming and DirectMusic identifiers that no mingw header declares;
+// mingw's DEFINE_GUID declares them (defines them in amguids.cpp).
 DEFINE_GUID(KSAUDFNAME_DMUSIC_MPU_OUT, 0xA4DF0EB5, 0xBAC9, 0x11D2, 0xB7, 0xA8, 0x00, 0x60, 0x08, 0x33, 0x16, 0xC1);
 DEFINE_GUID(KSAUDFNAME_DMUSIC_MPU_IN, 0xB2EC0A7D, 0xBAC9, 0x11D2, 0xB7, 0xA8, 0x00, 0x60, 0x08, 0x33, 0x16, 0xC1);
 DEFINE_GUID(KSDATAFORMAT_SUBTYPE_DIRECTMUSIC, 0x1A82F8BC, 0x3F8B, 0x11D2, 0xB7, 0x74, 0x00, 0x60, 0x08, 0x33, 0x16, 0xC1);
@@ -221,6 +212,25 @@ inline NTSTATUS RtlUnicodeStringPrintf(_Inout_ PUNICODE_STRING destination, _In_
 #ifndef _Kernel_requires_resource_held_
 #define _Kernel_requires_resource_held_(kind)
 #endif
+
+// ------------------------------------------------------------------ GUIDs
+// The kit's identifiers, the DDK's and those supplied above, are `extern` and
+// defined once, in amguids.cpp (INITGUID). From here on DEFINE_GUID
+// makes a constant with internal linkage, as on the host: each driver unit
+// that names one of the driver's own identifiers gets its own copy and nothing
+// has to own the storage.
+#undef DEFINE_GUID
+#define DEFINE_GUID(name, l, w1, w2, b1, b2, b3, b4, b5, b6, b7, b8) \
+    static const GUID name = {l, w1, w2, {b1, b2, b3, b4, b5, b6, b7, b8}}
+
+// mingw spells this as a self-assignment, which C++ refuses for a const
+// reference (REFIID, REFCLSID parameters); the WDK's form only names it.
+#undef UNREFERENCED_PARAMETER
+#define UNREFERENCED_PARAMETER(P) ((void)(P))
+
+typedef const GUID *PCGUID;
+typedef GUID *PIID;
+typedef GUID *PCLSID;
 
 // ------------------------------------------------------------------ what every platform provides
 // Debug output is always formatted and handed to DbgPrint: the kernel's own
