@@ -105,13 +105,14 @@ static VOID CopyFileName(_In_ PFILE_OBJECT fileObject, _Out_writes_z_(AM_OPEN_NA
 
 // A pin opened on a published port's filter is recorded with the process that
 // opened it, so the port's owner can ask who plays to or records from it.
-static VOID RegisterPinOpen(_Inout_ PIRP Irp)
+// TRUE when the pin was handed to the registry.
+static BOOLEAN RegisterPinOpen(_Inout_ PIRP Irp)
 {
     HANDLE pid = requesterProcessId(Irp);
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
     PFILE_OBJECT fileObject = stack->FileObject;
     if (pid == NULL || fileObject == NULL || fileObject->FileName.Buffer == NULL) {
-        return;
+        return FALSE;
     }
 
     WCHAR name[AM_OPEN_NAME_BUFFER_CCH];
@@ -128,7 +129,9 @@ static VOID RegisterPinOpen(_Inout_ PIRP Irp)
         CopyFileName(fileObject->RelatedFileObject, name);
         AmLog("related file path: %ls", name);
         am_add_process_id(name, fileObject, pid);
+        return TRUE;
     }
+    return FALSE;
 }
 
 NTSTATUS NTAPI am_private_dispatch_create(_In_ PDEVICE_OBJECT DeviceObject, _Inout_ PIRP Irp)
@@ -138,8 +141,15 @@ NTSTATUS NTAPI am_private_dispatch_create(_In_ PDEVICE_OBJECT DeviceObject, _Ino
     AmLog("am_private_dispatch_create (%x)", AM_PTR32(DeviceObject));
 
     if (!AmIsControlDevice(DeviceObject)) {
-        RegisterPinOpen(Irp);
-        return punt_to_PortCls(DeviceObject, Irp);
+        PFILE_OBJECT fileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
+        BOOLEAN recorded = RegisterPinOpen(Irp);
+        NTSTATUS status = punt_to_PortCls(DeviceObject, Irp);
+        // A pin the framework refused never gets a close: its entry would
+        // outlive the file object it names.
+        if (recorded && !NT_SUCCESS(status)) {
+            am_remove_process_id(fileObject);
+        }
+        return status;
     }
 
     if (!AmEnterControlRequest(DeviceObject)) {
