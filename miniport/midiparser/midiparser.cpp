@@ -44,42 +44,67 @@ static inline VOID MidiParserDeliver(_Inout_ MidiParser *parser, _In_reads_bytes
     }
 }
 
+// A one-byte message lies in singleByte, also while it is handed to a deliver
+// routine, so that no caller's local byte has to be addressed.
+static inline VOID MidiParserDeliverSingle(_Inout_ MidiParser *parser, _In_ UCHAR byte)
+{
+    parser->singleByte = byte;
+    MidiParserDeliver(parser, &parser->singleByte, 1);
+}
+
 static inline VOID MidiParserPutSysex(_Inout_ MidiParser *parser, _In_ UCHAR byte)
 {
-    if (parser->sysexLength >= parser->capacity) {
+    PUCHAR data = MidiParserData(parser);
+    ULONG length = parser->sysexLength;
+
+    if (length >= parser->capacity) {
         // Too long for the port: the whole message is lost, its F7 included,
         // so that no truncated SysEx ever reaches the application.
         return;
     }
-    PUCHAR data = MidiParserData(parser);
-    data[parser->sysexLength++] = byte;
+    data[length++] = byte;
     if (byte == 0xF7) {
-        if (data[0] == 0xF0) {
-            MidiParserDeliver(parser, data, parser->sysexLength);
-        }
         parser->sysexLength = 0;
+        if (data[0] == 0xF0) {
+            MidiParserDeliver(parser, data, length);
+        }
+    } else {
+        parser->sysexLength = length;
     }
 }
 
 static inline VOID MidiParserPutShort(_Inout_ MidiParser *parser, _In_ UCHAR byte)
 {
+    // Fields are read into locals once: stores through the byte pointer may
+    // alias any of them, and reloading after each would cost on every byte.
     PUCHAR data = MidiParserData(parser);
+    ULONG length = parser->shortLength;
+    UCHAR status;
 
-    if (parser->shortLength >= 3) {
+    if (length >= 3) {
         return;
     }
-    if (byte < 0x80 && parser->shortLength == 0) {
-        if (parser->runningStatus == 0) {
-            return;
+    if (length == 0) {
+        if (byte < 0x80) {
+            status = parser->runningStatus;
+            if (status == 0) {
+                return;
+            }
+            data[0] = status;
+            length = 1;
+        } else {
+            status = byte;
         }
-        data[0] = parser->runningStatus;
-        parser->shortLength = 1;
+    } else {
+        status = data[0];
     }
-    data[parser->shortLength++] = byte;
-    if (parser->shortLength == MidiMessageLength(data[0])) {
-        parser->runningStatus = MidiRunningStatusOf(data[0]);
-        MidiParserDeliver(parser, data, parser->shortLength);
+    data[length++] = byte;
+    if (length == MidiMessageLength(status)) {
+        parser->runningStatus = MidiRunningStatusOf(status);
         parser->shortLength = 0;
+        MidiParserDeliver(parser, data, length);
+    } else {
+        parser->shortLength = length;
     }
 }
 
@@ -145,7 +170,7 @@ VOID MidiParserFree(_In_opt_ MidiParser *parser)
     }
 }
 
-BOOLEAN MidiParserPutByte(_Inout_ MidiParser *parser, _In_ UCHAR byte)
+BOOLEAN MidiParserPutByteGeneral(_Inout_ MidiParser *parser, _In_ UCHAR byte)
 {
     parser->completeLength = 0;
 
@@ -155,49 +180,34 @@ BOOLEAN MidiParserPutByte(_Inout_ MidiParser *parser, _In_ UCHAR byte)
         MidiParserPutStatus(parser, held);
     }
 
-    if (byte >= 0xF8) {
-        // Real time: may sit anywhere, even inside another message, and
-        // leaves everything being collected as it was.
-        MidiParserDeliver(parser, &byte, 1);
-    } else if (byte < 0x80) {
+    if (byte < 0x80) {
         if (parser->sysexLength != 0) {
             MidiParserPutSysex(parser, byte);
         } else {
             MidiParserPutShort(parser, byte);
         }
+    } else if (byte >= 0xF8) {
+        // Real time: may sit anywhere, even inside another message, and
+        // leaves everything being collected as it was.
+        MidiParserDeliverSingle(parser, byte);
     } else {
         MidiParserPutStatus(parser, byte);
     }
     return parser->completeLength != 0;
 }
 
-ULONG MidiParserPeek(_In_ const MidiParser *parser)
+ULONG MidiParserTakeHeld(_Inout_ MidiParser *parser)
 {
-    return parser->completeLength;
-}
-
-ULONG MidiParserTake(_Inout_ MidiParser *parser, _Outptr_result_maybenull_ PUCHAR *message)
-{
-    ULONG length = parser->completeLength;
-
-    if (length == 0) {
-        *message = NULL;
-    } else if (length == 1) {
-        *message = &parser->singleByte;
-    } else {
-        *message = MidiParserData(parser);
-    }
-    parser->completeLength = 0;
-
-    if (parser->heldStatus != 0 && MidiMessageLength(parser->heldStatus) == 1) {
-        // A one-byte system common message (F4, F5, F6) that ended a SysEx is
-        // complete by itself: it waits now, in `singleByte`, which leaves the
-        // message just handed out untouched.
+    // A one-byte system common message (F4, F5, F6) that ended a SysEx is
+    // complete by itself: it waits now, in `singleByte`, which leaves the
+    // message just handed out untouched. Any other held status begins its
+    // message with the next byte fed.
+    if (MidiMessageLength(parser->heldStatus) == 1) {
         UCHAR held = parser->heldStatus;
         parser->heldStatus = 0;
         parser->shortLength = 0;
         parser->runningStatus = 0;
-        MidiParserDeliver(parser, &held, 1);
+        MidiParserDeliverSingle(parser, held);
     }
-    return length;
+    return parser->completeLength;
 }

@@ -47,13 +47,89 @@ _Must_inspect_result_ MidiParser *MidiParserAlloc(_In_opt_ PMIDI_PARSER_DELIVER 
 VOID MidiParserReset(_Inout_ MidiParser *parser);
 VOID MidiParserFree(_In_opt_ MidiParser *parser);
 
+// Feeds one byte, every case (MidiParserPutByte's slow path).
+BOOLEAN MidiParserPutByteGeneral(_Inout_ MidiParser *parser, _In_ UCHAR byte);
+
 // Feeds one byte; TRUE when a completed message waits afterwards. Feeding
 // while a message still waits breaks the protocol: the waiting message is
 // dropped rather than handed on torn.
-BOOLEAN MidiParserPutByte(_Inout_ MidiParser *parser, _In_ UCHAR byte);
+//
+// Inline, since it runs for every byte played to a port: the render stream's
+// common case (no deliver routine, no held status; a real-time byte, a SysEx
+// data byte, or a data byte of a channel message) is handled here, and must
+// match what MidiParserPutByteGeneral does with it; everything else goes
+// there.
+inline BOOLEAN MidiParserPutByte(_Inout_ MidiParser *parser, _In_ UCHAR byte)
+{
+    if (parser->deliver == NULL && parser->heldStatus == 0) {
+        if (byte >= 0xF8) {
+            parser->singleByte = byte;
+            parser->completeLength = 1;
+            return TRUE;
+        }
+        if (byte < 0x80) {
+            PUCHAR data = (PUCHAR)parser + FIELD_OFFSET(MidiParser, data);
+            ULONG length = parser->sysexLength;
+            if (length != 0) {
+                // A data byte never ends a SysEx; one past capacity is lost.
+                parser->completeLength = 0;
+                if (length < parser->capacity) {
+                    data[length] = byte;
+                    parser->sysexLength = length + 1;
+                }
+                return FALSE;
+            }
+            length = parser->shortLength;
+            UCHAR status = (length == 0) ? parser->runningStatus : data[0];
+            if (status >= 0x80 && status < 0xF0 && length < 3) {
+                // A channel message: Program Change and Channel Pressure
+                // (0xC0..0xDF) take one data byte, the others two.
+                ULONG needed = ((status & 0xE0) == 0xC0) ? 2 : 3;
+                if (length == 0) {
+                    data[0] = status;
+                    length = 1;
+                }
+                data[length++] = byte;
+                if (length == needed) {
+                    parser->runningStatus = status;
+                    parser->shortLength = 0;
+                    parser->completeLength = length;
+                    return TRUE;
+                }
+                parser->shortLength = length;
+                parser->completeLength = 0;
+                return FALSE;
+            }
+        }
+    }
+    return MidiParserPutByteGeneral(parser, byte);
+}
 
-ULONG MidiParserPeek(_In_ const MidiParser *parser);
+inline ULONG MidiParserPeek(_In_ const MidiParser *parser)
+{
+    return parser->completeLength;
+}
+
+// Promotes a status held behind a taken message; the length now waiting.
+ULONG MidiParserTakeHeld(_Inout_ MidiParser *parser);
 
 // Hands out the waiting message (length, *message into the parser) and leaves
-// none waiting; 0 and NULL when nothing waits.
-ULONG MidiParserTake(_Inout_ MidiParser *parser, _Outptr_result_maybenull_ PUCHAR *message);
+// none waiting, or the next one when the taken message had one queued behind
+// it; 0 and NULL when nothing waits. Inline: it runs once per message.
+inline ULONG MidiParserTake(_Inout_ MidiParser *parser, _Outptr_result_maybenull_ PUCHAR *message)
+{
+    ULONG length = parser->completeLength;
+
+    if (length == 0) {
+        *message = NULL;
+    } else if (length == 1) {
+        *message = &parser->singleByte;
+    } else {
+        *message = (PUCHAR)parser + FIELD_OFFSET(MidiParser, data);
+    }
+    parser->completeLength = 0;
+    if (parser->heldStatus != 0) {
+        (VOID)MidiParserTakeHeld(parser);
+    }
+    return length;
+}
