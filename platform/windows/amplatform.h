@@ -192,8 +192,8 @@ inline NTSTATUS RtlUnicodeStringPrintf(_Inout_ PUNICODE_STRING destination, _In_
     return status;
 }
 
-// mingw's wdm.h keeps these to its own annotation set; the driver's
-// annotations are documentation only.
+// SAL annotations mingw's headers lack; as everywhere in this build they only
+// document intent.
 #ifndef _Dispatch_type_
 #define _Dispatch_type_(kind)
 #endif
@@ -228,6 +228,8 @@ inline NTSTATUS RtlUnicodeStringPrintf(_Inout_ PUNICODE_STRING destination, _In_
 #undef UNREFERENCED_PARAMETER
 #define UNREFERENCED_PARAMETER(P) ((void)(P))
 
+// GUID pointer names the host platform offers too, so that a driver unit
+// written against one compiles against the other.
 typedef const GUID *PCGUID;
 typedef GUID *PIID;
 typedef GUID *PCLSID;
