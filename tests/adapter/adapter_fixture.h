@@ -1,0 +1,147 @@
+// Boots the driver in the host kernel as the system does (load, AddDevice for
+// one root-enumerated adapter, start) and tears it down again, and the small
+// helpers the adapter tests share: applications that open ports, the
+// registry's settings, and the port's interfaces as MIDI clients find them.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <hostkernel/executive.h>
+#include <hostkernel/io.h>
+#include <hostkernel/pnp.h>
+#include <hostkernel/registry.h>
+
+#include "adapter/amadapter.h"
+
+namespace adaptertest {
+
+namespace hk = hostkernel;
+
+inline const std::u16string kService = u"ambrel";
+inline const std::u16string kControlLink = u"\\DosDevices\\Ambrel";
+inline const std::u16string kControlDevice = u"\\Device\\Ambrel";
+
+inline constexpr ACCESS_MASK kReadWrite = FILE_GENERIC_READ | FILE_GENERIC_WRITE;
+
+inline const GUID kCategoryAudio = {0x6994AD04, 0x93EF, 0x11D0, {0xA3, 0xCC, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+inline const GUID kCategoryCapture = {0x65E8773D, 0x8F56, 0x11D0, {0xA3, 0xB9, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+inline const GUID kCategoryRender = {0x65E8773E, 0x8F56, 0x11D0, {0xA3, 0xB9, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+
+inline std::u16string configurationKey()
+{
+    return hk::serviceKeyPath(kService) + u"\\Configuration";
+}
+
+// The path an application opens for a port: "\DosDevices\Ambrel" + suffix.
+inline std::u16string portPath(std::u16string_view suffix)
+{
+    return kControlLink + std::u16string(suffix);
+}
+
+// The enabled interfaces of a category whose FriendlyName is `name`.
+inline std::vector<hk::DeviceInterface> interfacesNamed(const GUID &category, std::u16string_view name)
+{
+    std::vector<hk::DeviceInterface> found;
+    for (const hk::DeviceInterface &i : hk::deviceInterfaces(category)) {
+        auto friendly = hk::registry::value(i.deviceParametersKey, u"FriendlyName");
+        if (friendly && friendly->text() == name) {
+            found.push_back(i);
+        }
+    }
+    return found;
+}
+
+inline std::string narrow(std::u16string_view s)
+{
+    std::string out;
+    for (char16_t c : s) {
+        out.push_back(c < 0x80 ? char(c) : '?');
+    }
+    return out;
+}
+
+// One loaded driver with one started adapter. Tests that need other settings
+// or a different boot call the steps themselves.
+class DriverFixture : public ::testing::Test {
+protected:
+    void TearDown() override { shutdown(); }
+
+    // Loads the driver; the settings in the registry must be in place first.
+    void load()
+    {
+        NTSTATUS status = STATUS_UNSUCCESSFUL;
+        driver_ = hk::loadDriver(kService, DriverEntry, &status);
+        ASSERT_NE(driver_, nullptr) << std::hex << status;
+        ASSERT_EQ(status, STATUS_SUCCESS);
+    }
+
+    void addAdapter()
+    {
+        node_ = hk::addRootDevice(driver_);
+        ASSERT_NE(node_, nullptr);
+        ASSERT_EQ(node_->addDeviceStatus(), STATUS_SUCCESS);
+    }
+
+    void boot()
+    {
+        load();
+        if (HasFatalFailure()) {
+            return;
+        }
+        addAdapter();
+        if (HasFatalFailure()) {
+            return;
+        }
+        ASSERT_EQ(node_->start(), STATUS_SUCCESS);
+    }
+
+    hk::Process &process(std::uint64_t id)
+    {
+        processes_.push_back(std::make_unique<hk::Process>(id));
+        return *processes_.back();
+    }
+
+    // Opens a port for `app`; the handle, or 0 with the status in *status.
+    hk::Handle openPort(hk::Process &app, std::u16string_view suffix, NTSTATUS *status = nullptr,
+                        ACCESS_MASK access = kReadWrite)
+    {
+        hk::Handle handle = 0;
+        NTSTATUS s = app.open(portPath(suffix), access, &handle);
+        if (status != nullptr) {
+            *status = s;
+        }
+        return NT_SUCCESS(s) ? handle : 0;
+    }
+
+    void shutdown()
+    {
+        processes_.clear(); // process exit closes whatever the test left open
+        hk::drainIo();
+        for (auto &node : extraNodes_) {
+            if (node && !node->removed()) {
+                node->remove();
+            }
+        }
+        extraNodes_.clear();
+        if (node_ && !node_->removed()) {
+            node_->remove();
+        }
+        node_.reset();
+        if (driver_ != nullptr) {
+            EXPECT_EQ(hk::unloadDriver(driver_), STATUS_SUCCESS);
+            driver_ = nullptr;
+        }
+        hk::drainIo();
+    }
+
+    PDRIVER_OBJECT driver_ = nullptr;
+    std::shared_ptr<hk::DeviceNode> node_;
+    std::vector<std::shared_ptr<hk::DeviceNode>> extraNodes_;
+    std::vector<std::unique_ptr<hk::Process>> processes_;
+};
+
+} // namespace adaptertest

@@ -1,0 +1,347 @@
+// The control device's requests as an application issues them: routing, open
+// and close, the read queue and its cancellation, the write path, and the
+// process-id query, each status row with the log line that goes with it.
+#include "adapter_fixture.h"
+
+namespace adaptertest {
+namespace {
+
+class ControlRequests : public DriverFixture {
+protected:
+    void SetUp() override
+    {
+        hk::registry::setDword(configurationKey(), u"MaxPorts", 3);
+        boot();
+    }
+    hk::Process &app() { return processes_.empty() ? process(100) : *processes_.front(); }
+};
+
+// ------------------------------------------------------------------ routing
+
+TEST_F(ControlRequests, UnsupportedMajorsAreRefusedOnTheControlDeviceOnly)
+{
+    hk::Handle h = openPort(app(), u"\\Piano");
+    ASSERT_NE(h, 0u);
+    const UCHAR majors[] = {IRP_MJ_FLUSH_BUFFERS, IRP_MJ_QUERY_INFORMATION, IRP_MJ_SET_INFORMATION,
+                            IRP_MJ_QUERY_SECURITY, IRP_MJ_LOCK_CONTROL};
+    for (UCHAR major : majors) {
+        hk::LogCapture log;
+        hk::IoResult r = app().request(h, major);
+        if (r.status == STATUS_INVALID_DEVICE_REQUEST && log.count("am_private_dispatch_catchall (") == 0) {
+            continue; // a slot portcls left empty: the I/O manager refused it
+        }
+        EXPECT_EQ(r.status, STATUS_INVALID_DEVICE_REQUEST) << int(major);
+        EXPECT_TRUE(log.contains("am_private_dispatch_catchall - not supported on our fdo")) << int(major);
+        EXPECT_EQ(log.count("punt_to_PortCls: done"), 0u);
+    }
+
+    // The same kind of request on the port's filter (the adapter device)
+    // reaches the framework.
+    auto audio = interfacesNamed(kCategoryAudio, u"Piano");
+    ASSERT_EQ(audio.size(), 1u);
+    hk::Process &client = process(200);
+    hk::Handle filter = 0;
+    ASSERT_EQ(client.open(audio[0].symbolicLink, kReadWrite, &filter), STATUS_SUCCESS);
+    hk::LogCapture log;
+    client.request(filter, IRP_MJ_FLUSH_BUFFERS);
+    EXPECT_TRUE(log.contains("am_private_dispatch_catchall ("));
+    EXPECT_FALSE(log.contains("not supported on our fdo"));
+    EXPECT_TRUE(log.contains("punt_to_PortCls: done"));
+}
+
+TEST_F(ControlRequests, InternalDeviceControlSucceedsWithoutLooking)
+{
+    hk::Handle h = openPort(app(), u"\\Piano");
+    ASSERT_NE(h, 0u);
+    UCHAR out[16] = {0xAA};
+    hk::IoResult r = app().internalDeviceControl(h, 0x12345678, nullptr, 0, out, sizeof(out));
+    EXPECT_EQ(r.status, STATUS_SUCCESS);
+    EXPECT_EQ(r.information, 0u);
+    EXPECT_EQ(out[0], 0xAA);
+}
+
+// ------------------------------------------------------------------ open and close
+
+struct OpenCase {
+    const char16_t *suffix;
+    NTSTATUS status;
+    const char *logged; // a line that must be there, or null
+};
+
+TEST_F(ControlRequests, OpenStatusRows)
+{
+    std::u16string name254(254, u'n');
+    std::u16string name255(255, u'n');
+    std::u16string long254 = u"\\" + name254;
+    std::u16string long255 = u"\\" + name255;
+    const OpenCase cases[] = {
+        {u"", STATUS_INVALID_PARAMETER, nullptr},
+        {u"\\:*?|<>", STATUS_INVALID_PARAMETER, "am_private_dispatch_create ----- no valid port-name given"},
+        {u"\\\\Piano", STATUS_INVALID_PARAMETER, "am_private_dispatch_create ----- no valid port-name given"},
+        {long255.c_str(), STATUS_INVALID_PARAMETER, "am_private_dispatch_create ----- no valid port-name given"},
+        {long254.c_str(), STATUS_SUCCESS, "am_private_dispatch_create +++++ succeeded"},
+        {u"\\Pi:a*n|o\\65536", STATUS_SUCCESS, "am_private_dispatch_create ----- deviceName: Piano"},
+        {u"\\Piano", STATUS_ALIAS_EXISTS, "am_private_dispatch_create ----- AddPortByName failed: c0000154"},
+        {u"\\piano", STATUS_SUCCESS, "am_private_dispatch_create ----- sysexLen: 131056"},
+        {u"\\Organ", STATUS_TOO_MANY_SESSIONS, "am_private_dispatch_create ----- AddPortByName failed: c00000ce"},
+    };
+    for (const OpenCase &c : cases) {
+        hk::LogCapture log;
+        NTSTATUS status;
+        openPort(app(), c.suffix, &status);
+        EXPECT_EQ(status, c.status) << narrow(c.suffix).substr(0, 20);
+        if (c.logged != nullptr) {
+            EXPECT_TRUE(log.contains(c.logged)) << c.logged;
+        }
+    }
+    EXPECT_EQ(interfacesNamed(kCategoryAudio, name254).size(), 1u);
+}
+
+TEST_F(ControlRequests, ClosingFreesTheNameAndTheSlot)
+{
+    hk::Handle a = openPort(app(), u"\\A");
+    hk::Handle b = openPort(app(), u"\\B");
+    hk::Handle c = openPort(app(), u"\\C");
+    ASSERT_TRUE(a && b && c);
+    NTSTATUS status;
+    EXPECT_EQ(openPort(app(), u"\\D", &status), 0u);
+    EXPECT_EQ(status, STATUS_TOO_MANY_SESSIONS);
+
+    hk::LogCapture log;
+    ASSERT_EQ(app().close(b), STATUS_SUCCESS);
+    EXPECT_TRUE(log.contains("am_private_dispatch_close +++++ succeeded"));
+    EXPECT_TRUE(interfacesNamed(kCategoryAudio, u"B").empty());
+    // The freed slot is the lowest one: the new port takes its reference string.
+    hk::Handle b2 = openPort(app(), u"\\B", &status);
+    EXPECT_EQ(status, STATUS_SUCCESS);
+    EXPECT_TRUE(log.contains("AddPortDevice ***** Portname is: ambrel1 (14)"));
+    EXPECT_NE(b2, 0u);
+}
+
+struct DirectionCase {
+    ACCESS_MASK access;
+    bool capture, render;
+};
+
+TEST_F(ControlRequests, AccessChoosesTheDirections)
+{
+    const DirectionCase cases[] = {{FILE_GENERIC_READ, false, true},
+                                   {FILE_GENERIC_WRITE, true, false},
+                                   {kReadWrite, true, true},
+                                   {FILE_READ_ATTRIBUTES, true, true}};
+    int n = 0;
+    for (const DirectionCase &c : cases) {
+        std::u16string name = u"Port" + std::u16string(1, char16_t(u'0' + n++));
+        hk::LogCapture log;
+        hk::Handle h = openPort(app(), u"\\" + name, nullptr, c.access);
+        ASSERT_NE(h, 0u);
+        EXPECT_EQ(interfacesNamed(kCategoryAudio, name).size(), 1u);
+        EXPECT_EQ(interfacesNamed(kCategoryCapture, name).size(), c.capture ? 1u : 0u);
+        EXPECT_EQ(interfacesNamed(kCategoryRender, name).size(), c.render ? 1u : 0u);
+        EXPECT_EQ(log.contains("AddPortDevice ----- no capture instantiated"), !c.capture);
+        EXPECT_EQ(log.contains("AddPortDevice ----- no render instantiated"), !c.render);
+        ASSERT_EQ(app().close(h), STATUS_SUCCESS);
+    }
+}
+
+TEST_F(ControlRequests, PublicationWritesTheNamesClientsShow)
+{
+    hk::Handle h = openPort(app(), u"\\Piano");
+    ASSERT_NE(h, 0u);
+    for (const GUID *category : {&kCategoryAudio, &kCategoryCapture, &kCategoryRender}) {
+        auto found = interfacesNamed(*category, u"Piano");
+        ASSERT_EQ(found.size(), 1u);
+        EXPECT_EQ(narrow(found[0].referenceString), "ambrel0");
+        auto clsid = hk::registry::value(found[0].deviceParametersKey, u"CLSID");
+        ASSERT_TRUE(clsid.has_value());
+        EXPECT_EQ(clsid->type, (ULONG)REG_SZ);
+        EXPECT_EQ(clsid->data.size(), 78u);
+        EXPECT_EQ(narrow(clsid->text()), "{17CCA71B-ECD7-11D0-B908-00A0C9223196}");
+    }
+    const std::u16string category =
+        u"\\REGISTRY\\MACHINE\\SYSTEM\\CurrentControlSet\\Control\\MediaCategories\\"
+        u"{B4AD3AD0-EE19-422B-A1DA-18607FC3D479}";
+    auto name = hk::registry::value(category, u"Name");
+    ASSERT_TRUE(name.has_value());
+    EXPECT_EQ(narrow(name->text()), "Piano");
+    auto display = hk::registry::value(category, u"Display");
+    ASSERT_TRUE(display.has_value());
+    EXPECT_EQ(display->type, (ULONG)REG_BINARY);
+    EXPECT_EQ(display->data, std::vector<std::uint8_t>(4, 0));
+    EXPECT_EQ(hk::registry::openHandleCount(), 0u);
+}
+
+struct PublicationFault {
+    hk::IoFault fault;
+    unsigned skip;
+    const char *logged;
+};
+
+TEST_F(ControlRequests, FailedPublicationFreesTheSlotAndTheName)
+{
+    const PublicationFault cases[] = {
+        {hk::IoFault::RegisterInterface, 0, "AddPortDevice ----- IoRegisterDeviceInterface (audio) failed: c000009a"},
+        {hk::IoFault::RegisterInterface, 1, "AddPortDevice ----- IoRegisterDeviceInterface (capture) failed: c000009a"},
+        {hk::IoFault::RegisterInterface, 2, "AddPortDevice ----- IoRegisterDeviceInterface (render) failed: c000009a"},
+        {hk::IoFault::OpenInterfaceKey, 0,
+         "AddPortDevice ----- IoOpenDeviceInterfaceRegistryKey (audio) failed: c000009a"},
+        {hk::IoFault::OpenInterfaceKey, 2,
+         "AddPortDevice ----- IoOpenDeviceInterfaceRegistryKey (render) failed: c000009a"},
+    };
+    for (const PublicationFault &c : cases) {
+        hk::injectIoFault(c.fault, STATUS_INSUFFICIENT_RESOURCES, c.skip);
+        hk::LogCapture log;
+        NTSTATUS status;
+        EXPECT_EQ(openPort(app(), u"\\Piano", &status), 0u);
+        EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES) << c.logged;
+        EXPECT_TRUE(log.contains(c.logged)) << c.logged;
+        EXPECT_TRUE(log.contains("am_private_dispatch_create ----- AddPortDevice failed: c000009a"));
+        hk::clearIoFaults();
+    }
+    hk::registry::failNext(hk::registry::Op::Create, STATUS_ACCESS_DENIED);
+    hk::LogCapture log;
+    NTSTATUS status;
+    EXPECT_EQ(openPort(app(), u"\\Piano", &status), 0u);
+    EXPECT_EQ(status, STATUS_ACCESS_DENIED);
+    EXPECT_TRUE(log.contains("AddPortDevice ----- ZwCreateKey failed: c0000022"));
+    hk::registry::clearFaults();
+
+    // Nothing was left holding the name or a slot: all three slots still open.
+    EXPECT_NE(openPort(app(), u"\\Piano"), 0u);
+    EXPECT_NE(openPort(app(), u"\\Organ"), 0u);
+    EXPECT_NE(openPort(app(), u"\\Harp"), 0u);
+    EXPECT_EQ(hk::registry::openHandleCount(), 0u);
+}
+
+// ------------------------------------------------------------------ read, cancel, cleanup
+
+TEST_F(ControlRequests, ParkedReadIsBusyCancellableAndFinishedByCleanup)
+{
+    hk::Handle h = openPort(app(), u"\\Piano");
+    ASSERT_NE(h, 0u);
+
+    auto first = app().readAsync(h, 16);
+    EXPECT_FALSE(first->wait(std::chrono::milliseconds(20)));
+    EXPECT_EQ(first->result().dispatchStatus, STATUS_PENDING);
+
+    hk::LogCapture log;
+    UCHAR buffer[16];
+    hk::IoResult second = app().read(h, buffer, sizeof(buffer));
+    EXPECT_EQ(second.status, STATUS_DEVICE_BUSY);
+    EXPECT_EQ(second.information, 0u);
+    EXPECT_TRUE(log.contains("am_private_dispatch_read ----- still busy!"));
+    EXPECT_FALSE(first->done());
+
+    EXPECT_EQ(first->cancel(), STATUS_SUCCESS);
+    ASSERT_TRUE(first->wait(std::chrono::seconds(10)));
+    EXPECT_EQ(first->status(), STATUS_CANCELLED);
+    EXPECT_TRUE(log.contains("controlCancelIrp ***** found: "));
+    EXPECT_TRUE(log.contains(" at 0"));
+
+    // A new read parks again; closing the handle finishes it with 0xC0000080
+    // before the port is withdrawn.
+    auto third = app().readAsync(h, 16);
+    EXPECT_FALSE(third->wait(std::chrono::milliseconds(20)));
+    log.clear();
+    ASSERT_EQ(app().close(h), STATUS_SUCCESS);
+    ASSERT_TRUE(third->wait(std::chrono::seconds(10)));
+    EXPECT_EQ(third->status(), STATUS_SERVER_DISABLED);
+    EXPECT_EQ(third->result().priorityBoost, IO_NO_INCREMENT);
+    EXPECT_TRUE(log.contains("am_private_dispatch_cleanup ***** completing irp"));
+    hk::drainIo();
+    EXPECT_TRUE(interfacesNamed(kCategoryAudio, u"Piano").empty());
+}
+
+TEST_F(ControlRequests, ReadsWithoutAUsableBufferAreRefused)
+{
+    hk::Handle h = openPort(app(), u"\\Piano");
+    ASSERT_NE(h, 0u);
+    UCHAR buffer[8];
+    EXPECT_EQ(app().read(h, buffer, 0).status, STATUS_INSUFFICIENT_RESOURCES);
+
+    hk::injectIoFault(hk::IoFault::MapMdl);
+    hk::LogCapture log;
+    EXPECT_EQ(app().read(h, buffer, sizeof(buffer)).status, STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_TRUE(log.contains("am_private_dispatch_read ----- MmGetSystemAddressForMdlSafe failed"));
+    hk::clearIoFaults();
+}
+
+TEST_F(ControlRequests, ProcessExitCancelsItsParkedRead)
+{
+    hk::Process *owner = &process(300);
+    hk::Handle h = openPort(*owner, u"\\Piano");
+    ASSERT_NE(h, 0u);
+    auto read = owner->readAsync(h, 4);
+    EXPECT_FALSE(read->wait(std::chrono::milliseconds(20)));
+    processes_.clear(); // the process exits with its read outstanding
+    ASSERT_TRUE(read->wait(std::chrono::seconds(10)));
+    EXPECT_TRUE(read->status() == STATUS_CANCELLED || read->status() == STATUS_SERVER_DISABLED);
+    hk::drainIo();
+    EXPECT_TRUE(interfacesNamed(kCategoryAudio, u"Piano").empty());
+}
+
+// ------------------------------------------------------------------ write
+
+struct WriteCase {
+    ULONG length;
+    NTSTATUS status;
+    CCHAR boost;
+    const char *logged;
+};
+
+TEST_F(ControlRequests, WriteStatusRows)
+{
+    hk::Handle h = openPort(app(), u"\\Piano");
+    ASSERT_NE(h, 0u);
+    const WriteCase cases[] = {
+        {0, STATUS_INSUFFICIENT_RESOURCES, IO_NO_INCREMENT, "am_private_dispatch_write ----- Irp->MdlAddress was NULL"},
+        {3, STATUS_SUCCESS, IO_SOUND_INCREMENT, "am_private_dispatch_write +++++ succeeded: 3"},
+        {524288, STATUS_SUCCESS, IO_SOUND_INCREMENT, "am_private_dispatch_write +++++ succeeded: 524288"},
+        {524289, STATUS_TOO_MANY_COMMANDS, IO_NO_INCREMENT,
+         "am_private_dispatch_write ----- too much data for fifo: 524289 (524288)"},
+    };
+    std::vector<UCHAR> data(524289, 0xF8); // timing clocks: valid MIDI of any length
+    for (const WriteCase &c : cases) {
+        hk::LogCapture log;
+        hk::IoResult r = app().write(h, data.data(), c.length);
+        EXPECT_EQ(r.status, c.status) << c.length;
+        EXPECT_EQ(r.information, 0u) << c.length;
+        EXPECT_EQ(r.priorityBoost, c.boost) << c.length;
+        EXPECT_TRUE(log.contains(c.logged)) << c.logged;
+    }
+    hk::injectIoFault(hk::IoFault::MapMdl);
+    hk::LogCapture log;
+    EXPECT_EQ(app().write(h, data.data(), 3).status, STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_TRUE(log.contains("am_private_dispatch_write ----- MmGetSystemAddressForMdlSafe failed"));
+    hk::clearIoFaults();
+}
+
+// ------------------------------------------------------------------ device control
+
+struct ControlCase {
+    ULONG code;
+    ULONG outputLength;
+    NTSTATUS status;
+    ULONG_PTR information;
+};
+
+TEST_F(ControlRequests, DeviceControlWithNoPinOpen)
+{
+    hk::Handle h = openPort(app(), u"\\Piano");
+    ASSERT_NE(h, 0u);
+    const ControlCase cases[] = {
+        {IOCTL_AMBREL_PROCESS_IDS, 128, STATUS_SUCCESS, 0},
+        {IOCTL_AMBREL_PROCESS_IDS, 8, STATUS_SUCCESS, 0},
+        {IOCTL_AMBREL_PROCESS_IDS, 0, STATUS_MORE_PROCESSING_REQUIRED, 0},
+        {0x80012008, 128, STATUS_INVALID_DEVICE_REQUEST, 0},
+    };
+    for (const ControlCase &c : cases) {
+        std::vector<UCHAR> out(c.outputLength + 1);
+        hk::IoResult r = app().deviceControl(h, c.code, nullptr, 0, out.data(), c.outputLength);
+        EXPECT_EQ(r.status, c.status) << std::hex << c.code << " " << c.outputLength;
+        EXPECT_EQ(r.information, c.information);
+    }
+}
+
+} // namespace
+} // namespace adaptertest

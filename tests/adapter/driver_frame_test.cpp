@@ -1,0 +1,367 @@
+// Driver entry, the registry settings, the adapter's devices and its removal,
+// observed as the system and applications observe them: statuses, the object
+// namespace, the debug log, and what opens can do afterwards.
+#include "adapter_fixture.h"
+
+#include <cstring>
+
+namespace adaptertest {
+namespace {
+
+std::string line(const std::string &message)
+{
+    return "Ambrel:Adapter: " + message;
+}
+
+bool logHasLine(const hk::LogCapture &log, const std::string &message)
+{
+    for (const std::string &l : log.lines()) {
+        if (l == line(message)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// ------------------------------------------------------------------ settings
+
+enum class Stored { Missing, Dword, String, ShortBinaryDword };
+
+struct MaxPortsCase {
+    const char *name;
+    Stored stored;
+    ULONG value;
+    UCHAR wdmMajor, wdmMinor;
+    ULONG expected;
+    const char *message;
+};
+
+class MaxPortsSetting : public DriverFixture, public ::testing::WithParamInterface<MaxPortsCase> {};
+
+TEST_P(MaxPortsSetting, IsReadBoundedAndDefaultedByWindowsVersion)
+{
+    const MaxPortsCase &c = GetParam();
+    hk::setWdmVersion(c.wdmMajor, c.wdmMinor);
+    switch (c.stored) {
+    case Stored::Missing:
+        break;
+    case Stored::Dword:
+        hk::registry::setDword(configurationKey(), u"MaxPorts", c.value);
+        break;
+    case Stored::String:
+        hk::registry::setString(configurationKey(), u"MaxPorts", u"3");
+        break;
+    case Stored::ShortBinaryDword: {
+        const UCHAR two[2] = {3, 0};
+        hk::registry::setValue(configurationKey(), u"MaxPorts", REG_DWORD, two, sizeof(two));
+        break;
+    }
+    }
+
+    hk::LogCapture log;
+    load();
+    EXPECT_TRUE(logHasLine(log, c.message)) << c.name;
+    EXPECT_EQ(maxPorts, c.expected) << c.name;
+    if (c.stored == Stored::String || c.stored == Stored::ShortBinaryDword) {
+        EXPECT_TRUE(logHasLine(log, "ZwQueryValueKey: no dword"));
+    }
+    if (c.stored == Stored::Missing) {
+        // The Configuration key exists (loadDriver made the service key, not
+        // this one) or not: either way the message names the failing step.
+        EXPECT_TRUE(log.contains("ZwOpenKey failed: ") || log.contains("ZwQueryValueKey failed: c0000034"));
+    }
+    EXPECT_EQ(hk::registry::openHandleCount(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Registry, MaxPortsSetting,
+    ::testing::Values(MaxPortsCase{"missing on Vista", Stored::Missing, 0, 6, 0, 256, "Vista or higher -> 256 miniports"},
+                      MaxPortsCase{"missing on XP", Stored::Missing, 0, 1, 0x20, 32, "XP or higher -> 32 miniports"},
+                      MaxPortsCase{"missing before XP", Stored::Missing, 0, 1, 0x10, 10, "less than XP -> 10 miniports"},
+                      MaxPortsCase{"zero", Stored::Dword, 0, 6, 0, 1, "Registry-Override -> 1 miniports (0)"},
+                      MaxPortsCase{"three", Stored::Dword, 3, 6, 0, 3, "Registry-Override -> 3 miniports"},
+                      MaxPortsCase{"limit", Stored::Dword, 512, 6, 0, 512, "Registry-Override -> 512 miniports"},
+                      MaxPortsCase{"above limit", Stored::Dword, 513, 6, 0, 512,
+                                   "Registry-Override -> 512 miniports (513)"},
+                      MaxPortsCase{"huge", Stored::Dword, 0xFFFFFFFF, 6, 0, 512,
+                                   "Registry-Override -> 512 miniports (-1)"},
+                      MaxPortsCase{"REG_SZ", Stored::String, 0, 6, 0, 256, "Vista or higher -> 256 miniports"},
+                      MaxPortsCase{"two-byte dword", Stored::ShortBinaryDword, 0, 6, 0, 256,
+                                   "Vista or higher -> 256 miniports"}),
+    [](const ::testing::TestParamInfo<MaxPortsCase> &info) {
+        std::string n = info.param.name;
+        for (char &ch : n) {
+            if (!isalnum((unsigned char)ch)) {
+                ch = '_';
+            }
+        }
+        return n;
+    });
+
+struct SysexCase {
+    bool stored;
+    ULONG value;
+    ULONG expected;
+};
+
+class SysexSizeSetting : public DriverFixture, public ::testing::WithParamInterface<SysexCase> {};
+
+TEST_P(SysexSizeSetting, BecomesTheSizeOfAPortThatNamesNone)
+{
+    const SysexCase &c = GetParam();
+    if (c.stored) {
+        hk::registry::setDword(configurationKey(), u"SysexSize", c.value);
+    }
+    hk::LogCapture log;
+    boot();
+    ASSERT_FALSE(HasFatalFailure());
+    EXPECT_EQ(logHasLine(log, "Default-SysexSize -> 131056 bytes"), !c.stored);
+
+    hk::Process &app = process(100);
+    NTSTATUS status;
+    ASSERT_NE(openPort(app, u"\\Piano", &status), 0u) << std::hex << status;
+    EXPECT_TRUE(logHasLine(log, "am_private_dispatch_create ----- sysexLen: " + std::to_string(c.expected)));
+}
+
+INSTANTIATE_TEST_SUITE_P(Registry, SysexSizeSetting,
+                         ::testing::Values(SysexCase{false, 0, 131056}, SysexCase{true, 100, 8176},
+                                           SysexCase{true, 8176, 8176}, SysexCase{true, 65536, 65536},
+                                           SysexCase{true, 1048560, 1048560}, SysexCase{true, 1048561, 1048560},
+                                           SysexCase{true, 0xFFFFFFFF, 1048560}));
+
+using DriverEntryTest = DriverFixture;
+
+TEST_F(DriverEntryTest, ServiceKeyEndingInBackslashGetsNoSecondOne)
+{
+    // A DriverEntry handed a service key with a trailing separator.
+    static PDRIVER_INITIALIZE realEntry = DriverEntry;
+    struct Wrapper {
+        static NTSTATUS NTAPI entry(PDRIVER_OBJECT driver, PUNICODE_STRING path)
+        {
+            static WCHAR buffer[600];
+            size_t n = path->Length / sizeof(WCHAR);
+            memcpy(buffer, path->Buffer, n * sizeof(WCHAR));
+            buffer[n] = L'\\';
+            UNICODE_STRING withSlash;
+            withSlash.Buffer = buffer;
+            withSlash.Length = (USHORT)((n + 1) * sizeof(WCHAR));
+            withSlash.MaximumLength = sizeof(buffer);
+            return realEntry(driver, &withSlash);
+        }
+    };
+    hk::registry::setDword(configurationKey(), u"MaxPorts", 7);
+    hk::LogCapture log;
+    NTSTATUS status;
+    driver_ = hk::loadDriver(kService, Wrapper::entry, &status);
+    ASSERT_EQ(status, STATUS_SUCCESS);
+    EXPECT_TRUE(logHasLine(log, "Registry-Override -> 7 miniports"));
+    EXPECT_TRUE(log.contains("\\ambrel\\Configuration, MaxPorts )"));
+    EXPECT_FALSE(log.contains("\\\\Configuration"));
+}
+
+TEST_F(DriverEntryTest, InstallsItsRoutinesOverEverySlotTheFrameworkFilled)
+{
+    hk::LogCapture log;
+    load();
+    ASSERT_FALSE(HasFatalFailure());
+    EXPECT_TRUE(logHasLine(log, "DriverEntry +++++ succeeded"));
+    EXPECT_EQ(driver_->MajorFunction[IRP_MJ_CREATE], am_private_dispatch_create);
+    EXPECT_EQ(driver_->MajorFunction[IRP_MJ_CLOSE], am_private_dispatch_close);
+    EXPECT_EQ(driver_->MajorFunction[IRP_MJ_READ], am_private_dispatch_read);
+    EXPECT_EQ(driver_->MajorFunction[IRP_MJ_WRITE], am_private_dispatch_write);
+    EXPECT_EQ(driver_->MajorFunction[IRP_MJ_CLEANUP], am_private_dispatch_cleanup);
+    EXPECT_EQ(driver_->MajorFunction[IRP_MJ_DEVICE_CONTROL], am_private_dispatch_device_control);
+    EXPECT_EQ(driver_->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL], am_private_dispatch_internal_device_control);
+    EXPECT_EQ(driver_->MajorFunction[IRP_MJ_PNP], am_private_dispatch_pnp);
+    // Every other slot either stayed empty or holds the catch-all: no request
+    // of any kind reaches portcls without passing the driver first.
+    size_t catchalls = 0;
+    for (int major = 0; major <= IRP_MJ_PNP; major++) {
+        PDRIVER_DISPATCH routine = driver_->MajorFunction[major];
+        if (routine == am_private_dispatch_catchall) {
+            catchalls++;
+        }
+        EXPECT_TRUE(routine == NULL || routine == am_private_dispatch_catchall ||
+                    routine == am_private_dispatch_create || routine == am_private_dispatch_close ||
+                    routine == am_private_dispatch_read || routine == am_private_dispatch_write ||
+                    routine == am_private_dispatch_cleanup || routine == am_private_dispatch_device_control ||
+                    routine == am_private_dispatch_internal_device_control || routine == am_private_dispatch_pnp)
+            << "slot " << major;
+    }
+    EXPECT_GT(catchalls, 0u); // portcls fills at least power and system control
+}
+
+// ------------------------------------------------------------------ devices
+
+using AdapterDeviceTest = DriverFixture;
+
+TEST_F(AdapterDeviceTest, AddDeviceCreatesTheControlDeviceAndItsLink)
+{
+    hk::LogCapture log;
+    boot();
+    ASSERT_FALSE(HasFatalFailure());
+    EXPECT_TRUE(hk::objectExists(kControlDevice));
+    auto target = hk::symbolicLinkTarget(kControlLink);
+    ASSERT_TRUE(target.has_value());
+    EXPECT_EQ(narrow(*target), narrow(kControlDevice));
+    EXPECT_TRUE(logHasLine(log, "AddDevice ***** PcAddAdapterDevice succeeded()"));
+    EXPECT_TRUE(logHasLine(log, "AddDevice +++++ succeeded"));
+    EXPECT_TRUE(logHasLine(log, "StartDevice +++++ succeeded"));
+
+    hk::Process &app = process(100);
+    EXPECT_NE(openPort(app, u"\\Piano"), 0u);
+}
+
+TEST_F(AdapterDeviceTest, StaleLinkIsDeletedAndMadeAgain)
+{
+    ASSERT_EQ(hk::createSymbolicLink(kControlLink, u"\\Device\\Gone"), STATUS_SUCCESS);
+    hk::LogCapture log;
+    boot();
+    ASSERT_FALSE(HasFatalFailure());
+    EXPECT_TRUE(log.contains("AddDevice ----- IoCreateSymbolicLink failed: "));
+    EXPECT_TRUE(log.contains("... trying to delete it..."));
+    EXPECT_FALSE(log.contains("failed again"));
+    EXPECT_EQ(narrow(hk::symbolicLinkTarget(kControlLink).value_or(u"")), narrow(kControlDevice));
+    hk::Process &app = process(100);
+    EXPECT_NE(openPort(app, u"\\Piano"), 0u);
+}
+
+TEST_F(AdapterDeviceTest, SecondAdapterIsRefused)
+{
+    boot();
+    ASSERT_FALSE(HasFatalFailure());
+    hk::LogCapture log;
+    auto second = hk::addRootDevice(driver_, u"ROOT\\MEDIA\\0001");
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(second->addDeviceStatus(), STATUS_UNSUCCESSFUL);
+    EXPECT_TRUE(logHasLine(log, "AddDevice ----- Already got controlDeviceObject!!!!!!!"));
+}
+
+TEST_F(AdapterDeviceTest, StartWithoutResourceListOrBeforeTheControlDeviceIsRefusedOrNoted)
+{
+    load();
+    ASSERT_FALSE(HasFatalFailure());
+    hk::LogCapture log;
+    // The adapter's start routine as portcls would call it, with the cases
+    // portcls itself never produces.
+    DEVICE_OBJECT fakeDevice{};
+    IRP fakeIrp{};
+    EXPECT_EQ(StartDevice(&fakeDevice, &fakeIrp, NULL), STATUS_INVALID_PARAMETER);
+    EXPECT_TRUE(logHasLine(log, "StartDevice ----- NULL resource list"));
+    EXPECT_EQ(StartDevice(&fakeDevice, &fakeIrp, (PRESOURCELIST)&fakeDevice), STATUS_SUCCESS);
+    EXPECT_TRUE(logHasLine(log, "StartDevice ----- StartDevice: no device extension yet!!!!"));
+}
+
+TEST_F(AdapterDeviceTest, StopAndRestartKeepsServingPorts)
+{
+    boot();
+    ASSERT_FALSE(HasFatalFailure());
+    ASSERT_EQ(node_->stop(), STATUS_SUCCESS);
+    ASSERT_EQ(node_->start(), STATUS_SUCCESS);
+    hk::Process &app = process(100);
+    hk::Handle h = openPort(app, u"\\Piano");
+    ASSERT_NE(h, 0u);
+    EXPECT_EQ(interfacesNamed(kCategoryAudio, u"Piano").size(), 1u);
+}
+
+TEST_F(AdapterDeviceTest, PnpMinorsAreNamedAndPassedOn)
+{
+    boot();
+    ASSERT_FALSE(HasFatalFailure());
+    struct Case {
+        UCHAR minor;
+        const char *logged;
+    } cases[] = {{0x09, "IRP_MN_QUERY_CAPABILITIES"},
+                 {0x14, "IRP_MN_QUERY_PNP_DEVICE_STATE"},
+                 {0x0E, "unknown: 14"},
+                 {0x18, "unknown: 24"}};
+    for (const Case &c : cases) {
+        hk::LogCapture log;
+        node_->send(c.minor);
+        EXPECT_TRUE(logHasLine(log, c.logged)) << int(c.minor);
+        EXPECT_TRUE(logHasLine(log, "punt_to_PortCls: done")) << int(c.minor);
+    }
+}
+
+// ------------------------------------------------------------------ removal
+
+using RemovalTest = DriverFixture;
+
+TEST_F(RemovalTest, WithdrawsEveryPortFinishesParkedReadsAndRefusesStaleHandles)
+{
+    boot();
+    ASSERT_FALSE(HasFatalFailure());
+    hk::Process &app = process(100);
+    const char16_t *names[] = {u"\\One", u"\\Two", u"\\Three"};
+    std::vector<hk::Handle> handles;
+    std::vector<std::shared_ptr<hk::Request>> reads;
+    for (const char16_t *n : names) {
+        handles.push_back(openPort(app, n));
+        ASSERT_NE(handles.back(), 0u);
+        reads.push_back(app.readAsync(handles.back(), 16));
+    }
+    for (auto &r : reads) {
+        EXPECT_FALSE(r->done());
+    }
+    ASSERT_EQ(interfacesNamed(kCategoryAudio, u"Two").size(), 1u);
+
+    hk::LogCapture log;
+    EXPECT_EQ(node_->remove(), STATUS_SUCCESS);
+    for (auto &r : reads) {
+        ASSERT_TRUE(r->wait(std::chrono::seconds(10)));
+        EXPECT_EQ(r->status(), STATUS_DELETE_PENDING);
+        EXPECT_EQ(r->information(), 0u);
+        EXPECT_EQ(r->result().priorityBoost, IO_SOUND_INCREMENT);
+    }
+    EXPECT_EQ(log.count("am_private_dispatch_remove ***** removing port: "), 3u);
+    EXPECT_TRUE(logHasLine(log, "am_private_dispatch_remove +++++ succeeded"));
+    EXPECT_FALSE(hk::symbolicLinkTarget(kControlLink).has_value());
+    EXPECT_TRUE(interfacesNamed(kCategoryAudio, u"Two").empty());
+
+    // The application still holds its handles: nothing on them reaches the
+    // framework or the freed records.
+    log.clear();
+    const UCHAR note[3] = {0x90, 60, 100};
+    EXPECT_EQ(app.write(handles[0], note, 3).status, STATUS_DELETE_PENDING);
+    UCHAR buffer[8];
+    EXPECT_EQ(app.read(handles[1], buffer, sizeof(buffer)).status, STATUS_DELETE_PENDING);
+    UCHAR ids[128];
+    EXPECT_EQ(app.deviceControl(handles[2], IOCTL_AMBREL_PROCESS_IDS, nullptr, 0, ids, sizeof(ids)).status,
+              STATUS_DELETE_PENDING);
+    EXPECT_EQ(app.request(handles[0], IRP_MJ_FLUSH_BUFFERS).status, STATUS_INVALID_DEVICE_REQUEST);
+    for (hk::Handle h : handles) {
+        EXPECT_EQ(app.close(h), STATUS_SUCCESS);
+    }
+    EXPECT_EQ(log.count("punt_to_PortCls: done"), 0u);
+    EXPECT_EQ(log.count("Ambrel:Adapter: am_private_dispatch_close +++++ succeeded"), 0u);
+    // A new open finds no link any more.
+    hk::Handle h = 0;
+    EXPECT_FALSE(NT_SUCCESS(app.open(portPath(u"\\Piano"), kReadWrite, &h)));
+}
+
+TEST_F(RemovalTest, ANewAdapterInTheSameLoadServesPortsWhileOldHandlesStayRefused)
+{
+    boot();
+    ASSERT_FALSE(HasFatalFailure());
+    hk::Process &app = process(100);
+    hk::Handle old = openPort(app, u"\\Old");
+    ASSERT_NE(old, 0u);
+    ASSERT_EQ(node_->remove(), STATUS_SUCCESS);
+
+    auto again = hk::addRootDevice(driver_, u"ROOT\\MEDIA\\0001");
+    extraNodes_.push_back(again);
+    ASSERT_EQ(again->addDeviceStatus(), STATUS_SUCCESS);
+    ASSERT_EQ(again->start(), STATUS_SUCCESS);
+
+    hk::Handle fresh = openPort(app, u"\\Old");
+    ASSERT_NE(fresh, 0u);
+    const UCHAR note[3] = {0x90, 60, 100};
+    EXPECT_EQ(app.write(fresh, note, 3).status, STATUS_SUCCESS);
+    EXPECT_EQ(app.write(old, note, 3).status, STATUS_DELETE_PENDING);
+    EXPECT_EQ(app.close(old), STATUS_SUCCESS);
+    EXPECT_EQ(app.close(fresh), STATUS_SUCCESS);
+    EXPECT_TRUE(interfacesNamed(kCategoryAudio, u"Old").empty());
+}
+
+} // namespace
+} // namespace adaptertest
