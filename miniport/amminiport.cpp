@@ -497,7 +497,9 @@ BOOLEAN CMiniportAmbrel::PutData(_In_reads_bytes_(length) PUCHAR bytes, _In_ ULO
     if (m_NotifyCount == 0) {
         InterlockedExchange(&m_NotifyCount, 1);
         AmLog("CMiniportAmbrel::PutData ***** before Notify");
-        m_Port->Notify(m_ServiceGroup);
+        if (m_Port != NULL) {
+            m_Port->Notify(m_ServiceGroup);
+        }
     }
     KeReleaseSpinLock(&m_Lock, irql);
 

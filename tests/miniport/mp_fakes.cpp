@@ -161,6 +161,10 @@ PDMUS_KERNEL_EVENT FakeAllocator::chain(std::initializer_list<PDMUS_KERNEL_EVENT
 
 STDMETHODIMP_(NTSTATUS) FakeSink::PutMessage(PDMUS_KERNEL_EVENT events)
 {
+    if (!record_) {
+        received_++;
+        return allocator_->PutMessage(events);
+    }
     std::vector<CapturedEvent> list;
     for (PDMUS_KERNEL_EVENT e = events; e != NULL; e = e->pNextEvt) {
         CapturedEvent c;
@@ -176,6 +180,7 @@ STDMETHODIMP_(NTSTATUS) FakeSink::PutMessage(PDMUS_KERNEL_EVENT events)
         std::lock_guard<std::mutex> lock(mutex_);
         lists_.push_back(std::move(list));
     }
+    received_++;
     return allocator_->PutMessage(events);
 }
 

@@ -142,7 +142,8 @@ struct CapturedEvent {
 
 class FakeSink : public IMXF {
 public:
-    explicit FakeSink(FakeAllocator *allocator) : allocator_(allocator) {}
+    // A sink that does not record only counts (for benchmarks).
+    explicit FakeSink(FakeAllocator *allocator, bool record = true) : allocator_(allocator), record_(record) {}
     FAKE_UNKNOWN(IID_IUnknown)
     STDMETHODIMP_(NTSTATUS) SetState(KSSTATE) override { return STATUS_SUCCESS; }
     STDMETHODIMP_(NTSTATUS) PutMessage(PDMUS_KERNEL_EVENT events) override;
@@ -154,6 +155,8 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return lists_;
     }
+    // Lists received so far (cheap, for pollers).
+    size_t received() const { return received_.load(); }
     // The bytes of each list, events joined.
     std::vector<std::vector<uint8_t>> writes() const;
 
@@ -161,6 +164,8 @@ public:
 
 private:
     FakeAllocator *allocator_;
+    bool record_;
     mutable std::mutex mutex_;
     std::vector<std::vector<CapturedEvent>> lists_;
+    std::atomic<size_t> received_{0};
 };
