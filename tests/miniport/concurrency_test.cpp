@@ -1,13 +1,11 @@
 // The miniport under concurrent use: several render streams of one port,
 // capture writes from several threads, and the application's close racing
 // property requests. Run under ThreadSanitizer (label "concurrency").
-#include "mp_harness.h"
+#include "mp_support.h"
 
 #include <atomic>
 #include <map>
 #include <thread>
-
-using Bytes = std::vector<uint8_t>;
 
 TEST(MiniportConcurrency, RenderStreamsInterleaveOnlyAtMessageBoundaries)
 {
@@ -27,15 +25,15 @@ TEST(MiniportConcurrency, RenderStreamsInterleaveOnlyAtMessageBoundaries)
             // parser while the other streams write.
             for (int n = 0; n < messagesPerStream; n++) {
                 uint8_t note = (uint8_t)(n & 0x7F), velocity = (uint8_t)((n >> 7) & 0x7F);
-                h.play(render[s], FakeAllocator::chain({h.allocator.makeEvent({(uint8_t)(0x90 | s), note}),
-                                                        h.allocator.makeEvent({velocity})}));
+                h.play(render[s], FakeAllocator::chain({h.allocator.event({(uint8_t)(0x90 | s), note}),
+                                                        h.allocator.event({velocity})}));
             }
             running--;
         });
     }
 
     Bytes received;
-    while (running > 0 || h.allocator.outstandingEvents() > 0) {
+    while (running > 0 || h.allocator.outstanding() > 0) {
         Bytes chunk = h.readFifo(7);  // reads that cut messages anywhere
         received.insert(received.end(), chunk.begin(), chunk.end());
     }
@@ -64,10 +62,7 @@ TEST(MiniportConcurrency, CaptureWritesReachEveryStreamWholeInOneOrder)
     std::vector<std::unique_ptr<FakeSink>> sinks;
     for (int i = 0; i < captureStreams; i++) {
         sinks.push_back(std::make_unique<FakeSink>(&h.allocator));
-        PMXF s = h.newStream(DMUS_STREAM_MIDI_CAPTURE);
-        s->ConnectOutput(sinks.back().get());
-        s->SetState(KSSTATE_RUN);
-        capture.push_back(s);
+        capture.push_back(h.runningCapture(sinks.back().get()));
     }
 
     std::atomic<int> running{writers};
