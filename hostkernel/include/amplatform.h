@@ -11,9 +11,7 @@
 #include "hk/ex.h"
 #include "hk/rtl.h"
 #include "hk/punknown.h"
-#if __has_include("hk/io.h")
 #include "hk/io.h"
-#endif
 #if __has_include("hk/portcls.h")
 #include "hk/portcls.h"
 #endif

@@ -1,0 +1,79 @@
+// A small test driver for the I/O manager's tests, and the fixture that
+// loads it. The driver owns "\Device\HkTest" (link "\DosDevices\HkTest"),
+// records every request it sees, parks reads it cannot serve (with a cancel
+// routine, claimed by an atomic exchange as real drivers do), completes
+// writes with their length and echoes device controls.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <hostkernel/executive.h>
+#include <hostkernel/io.h>
+#include <hostkernel/pnp.h>
+#include <hostkernel/registry.h>
+
+namespace iotest {
+
+namespace hk = hostkernel;
+
+inline const std::u16string kDevice = u"\\Device\\HkTest";
+inline const std::u16string kLink = u"\\DosDevices\\HkTest";
+
+struct Seen {
+    UCHAR major = 0;
+    std::u16string fileName;
+    bool fileNameHasBuffer = false;
+    ACCESS_MASK access = 0;
+    PFILE_OBJECT file = nullptr;
+    PFILE_OBJECT related = nullptr;
+    HANDLE processId = nullptr;
+    KIRQL irql = 0;
+    KPROCESSOR_MODE mode = 0;
+    bool hasMdl = false;
+    PVOID systemBuffer = nullptr;
+    PVOID type3Input = nullptr;
+    PVOID userBuffer = nullptr;
+};
+
+struct DriverState {
+    std::mutex mutex;
+    std::vector<Seen> seen;
+    KSPIN_LOCK lock = 0; // guards `parked`, as a driver's queue lock would
+    std::deque<PIRP> parked;
+    ULONG deviceFlags = DO_DIRECT_IO;
+    NTSTATUS createStatus = STATUS_SUCCESS;
+    std::vector<UCHAR> readData; // served at once by reads while not empty
+    PDEVICE_OBJECT device = nullptr;
+
+    std::vector<UCHAR> majors();
+    size_t count(UCHAR major);
+};
+extern DriverState g;
+
+NTSTATUS testDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
+// Takes one parked read, as a completer does: the first whose cancel
+// routine it wins. Null when none can be claimed.
+PIRP claimParked();
+// Completes a claimed read with `bytes` copied into its buffer.
+void completeRead(PIRP irp, const std::vector<UCHAR> &bytes, NTSTATUS status = STATUS_SUCCESS);
+size_t parkedCount();
+
+// Loads the test driver for each test and checks the I/O manager is quiet
+// afterwards.
+class IoTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    void unload();
+
+    PDRIVER_OBJECT driver_ = nullptr;
+};
+
+std::string narrow(std::u16string_view s);
+
+} // namespace iotest

@@ -1,0 +1,332 @@
+// Plug and play and device interfaces with a function driver that handles
+// its stack the way a port-class framework does: start forwarded down first
+// (completion routine, event, re-completion), everything else passed on,
+// removal detaching and deleting its device.
+#include <thread>
+
+#include "iotest.h"
+
+namespace iotest {
+namespace {
+
+const GUID kAudio = {0x6994AD04, 0x93EF, 0x11D0, {0xA3, 0xCC, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+const GUID kRender = {0x65E8773E, 0x8F56, 0x11D0, {0xA3, 0xB9, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+const std::u16string kAudioLink = u"\\??\\ROOT#MEDIA#0000#{6994ad04-93ef-11d0-a3cc-00a0c9223196}";
+
+struct Function {
+    std::mutex mutex;
+    std::vector<UCHAR> minors;
+    PDEVICE_OBJECT fdo = nullptr;
+    PDEVICE_OBJECT lower = nullptr;
+    NTSTATUS addStatus = STATUS_SUCCESS;
+    bool refuseQueryRemove = false;
+    bool detachOnRemove = true;
+    bool startSawList = false;
+    ULONG startListCount = 99;
+    NTSTATUS lowerStartStatus = STATUS_PENDING;
+    std::vector<std::u16string> createNames;
+} f;
+
+NTSTATUS complete(PIRP irp, NTSTATUS status)
+{
+    irp->IoStatus.Status = status;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return status;
+}
+
+NTSTATUS onStartCompleted(PDEVICE_OBJECT, PIRP, PVOID context)
+{
+    KeSetEvent(static_cast<PKEVENT>(context), IO_NO_INCREMENT, FALSE);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+NTSTATUS functionPnp(PDEVICE_OBJECT fdo, PIRP irp)
+{
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+    {
+        std::lock_guard<std::mutex> lock(f.mutex);
+        f.minors.push_back(stack->MinorFunction);
+    }
+    switch (stack->MinorFunction) {
+    case IRP_MN_START_DEVICE: {
+        f.startSawList = stack->Parameters.StartDevice.AllocatedResources != nullptr;
+        if (f.startSawList) {
+            f.startListCount = stack->Parameters.StartDevice.AllocatedResources->Count;
+        }
+        KEVENT done;
+        KeInitializeEvent(&done, NotificationEvent, FALSE);
+        IoCopyCurrentIrpStackLocationToNext(irp);
+        IoSetCompletionRoutine(irp, onStartCompleted, &done, TRUE, TRUE, TRUE);
+        if (IoCallDriver(f.lower, irp) == STATUS_PENDING) {
+            KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+        }
+        f.lowerStartStatus = irp->IoStatus.Status;
+        return complete(irp, irp->IoStatus.Status);
+    }
+    case IRP_MN_QUERY_REMOVE_DEVICE:
+        if (f.refuseQueryRemove) {
+            return complete(irp, STATUS_DEVICE_BUSY);
+        }
+        break;
+    case IRP_MN_REMOVE_DEVICE: {
+        IoSkipCurrentIrpStackLocation(irp);
+        NTSTATUS status = IoCallDriver(f.lower, irp);
+        if (f.detachOnRemove) {
+            IoDetachDevice(f.lower);
+            IoDeleteDevice(fdo);
+        }
+        return status;
+    }
+    default:
+        break;
+    }
+    IoSkipCurrentIrpStackLocation(irp);
+    return IoCallDriver(f.lower, irp);
+}
+
+NTSTATUS functionCreateClose(PDEVICE_OBJECT, PIRP irp)
+{
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+    if (stack->MajorFunction == IRP_MJ_CREATE) {
+        std::lock_guard<std::mutex> lock(f.mutex);
+        f.createNames.emplace_back(reinterpret_cast<const char16_t *>(stack->FileObject->FileName.Buffer),
+                                   stack->FileObject->FileName.Length / 2);
+    }
+    return complete(irp, STATUS_SUCCESS);
+}
+
+NTSTATUS addDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo)
+{
+    if (!NT_SUCCESS(f.addStatus)) {
+        return f.addStatus;
+    }
+    NTSTATUS status = IoCreateDevice(driver, 16, nullptr, FILE_DEVICE_KS, 0, FALSE, &f.fdo);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    f.lower = IoAttachDeviceToDeviceStack(f.fdo, pdo);
+    f.fdo->Flags &= ~DO_DEVICE_INITIALIZING;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS functionEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
+{
+    driver->DriverExtension->AddDevice = addDevice;
+    driver->MajorFunction[IRP_MJ_PNP] = functionPnp;
+    driver->MajorFunction[IRP_MJ_CREATE] = functionCreateClose;
+    driver->MajorFunction[IRP_MJ_CLEANUP] = functionCreateClose;
+    driver->MajorFunction[IRP_MJ_CLOSE] = functionCreateClose;
+    return STATUS_SUCCESS;
+}
+
+class PnpTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        f.minors.clear();
+        f.createNames.clear();
+        f.addStatus = STATUS_SUCCESS;
+        f.refuseQueryRemove = false;
+        f.detachOnRemove = true;
+        f.fdo = f.lower = nullptr;
+        NTSTATUS status;
+        driver_ = hk::loadDriver(u"HkFunction", functionEntry, &status);
+        ASSERT_NE(driver_, nullptr);
+    }
+    void TearDown() override
+    {
+        if (node_ && !node_->removed()) {
+            EXPECT_EQ(node_->remove(), STATUS_SUCCESS);
+        }
+        EXPECT_EQ(hk::unloadDriver(driver_), STATUS_SUCCESS);
+        hk::verifyIoQuiescent();
+        hk::resetIoState();
+    }
+    std::vector<UCHAR> minors()
+    {
+        std::lock_guard<std::mutex> lock(f.mutex);
+        return f.minors;
+    }
+    // Interface calls from a PASSIVE_LEVEL thread, as a driver makes them.
+    std::u16string registerInterface(const GUID &guid, const wchar_t *reference, NTSTATUS *status = nullptr)
+    {
+        UNICODE_STRING ref, link{};
+        RtlInitUnicodeString(&ref, reference);
+        NTSTATUS s = IoRegisterDeviceInterface(node_->pdo(), &guid, &ref, &link);
+        if (status != nullptr) {
+            *status = s;
+        }
+        std::u16string out(reinterpret_cast<const char16_t *>(link.Buffer), link.Length / 2);
+        if (NT_SUCCESS(s)) {
+            RtlFreeUnicodeString(&link);
+        }
+        return out;
+    }
+    NTSTATUS setState(const std::u16string &link, BOOLEAN enable)
+    {
+        std::u16string copy = link;
+        UNICODE_STRING name{USHORT(copy.size() * 2), USHORT(copy.size() * 2), reinterpret_cast<PWSTR>(copy.data())};
+        return IoSetDeviceInterfaceState(&name, enable);
+    }
+
+    PDRIVER_OBJECT driver_ = nullptr;
+    std::shared_ptr<hk::DeviceNode> node_;
+};
+
+TEST_F(PnpTest, StartIsForwardedDownAndStateChangesReachTheStack)
+{
+    node_ = hk::addRootDevice(driver_);
+    ASSERT_EQ(node_->addDeviceStatus(), STATUS_SUCCESS);
+    EXPECT_EQ(node_->top(), f.fdo);
+    EXPECT_EQ(f.lower, node_->pdo());
+    EXPECT_EQ(f.fdo->StackSize, 2);
+
+    EXPECT_EQ(node_->start(), STATUS_SUCCESS);
+    EXPECT_EQ(f.lowerStartStatus, STATUS_SUCCESS) << "the root bus completed the start first";
+    EXPECT_TRUE(f.startSawList);
+    EXPECT_EQ(f.startListCount, 0u);
+    EXPECT_EQ(node_->start(nullptr, nullptr), STATUS_SUCCESS);
+    EXPECT_FALSE(f.startSawList);
+
+    EXPECT_EQ(node_->stop(), STATUS_SUCCESS);
+    hk::IoResult unknown = node_->send(0x0E);
+    EXPECT_EQ(unknown.status, STATUS_NOT_SUPPORTED) << "the bus leaves what it does not handle alone";
+    DEVICE_CAPABILITIES caps{};
+    caps.Size = sizeof caps;
+    caps.Version = 1;
+    hk::IoResult r = node_->send(
+        IRP_MN_QUERY_CAPABILITIES,
+        [](PIO_STACK_LOCATION s, void *c) { s->Parameters.DeviceCapabilities.Capabilities = static_cast<PDEVICE_CAPABILITIES>(c); },
+        &caps);
+    EXPECT_EQ(r.status, STATUS_SUCCESS);
+    EXPECT_EQ(caps.DeviceState[PowerSystemWorking], PowerDeviceD0);
+
+    EXPECT_EQ(node_->remove(), STATUS_SUCCESS);
+    EXPECT_TRUE(node_->removed());
+    EXPECT_EQ(node_->pdo(), nullptr);
+    EXPECT_EQ(minors(), (std::vector<UCHAR>{IRP_MN_START_DEVICE, IRP_MN_START_DEVICE, IRP_MN_QUERY_STOP_DEVICE,
+                                            IRP_MN_STOP_DEVICE, 0x0E, IRP_MN_QUERY_CAPABILITIES,
+                                            IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_REMOVE_DEVICE}));
+}
+
+TEST_F(PnpTest, RefusedQueryRemoveIsCancelledAndFailedAddDeviceLeavesNothing)
+{
+    node_ = hk::addRootDevice(driver_);
+    f.refuseQueryRemove = true;
+    EXPECT_EQ(node_->remove(), STATUS_DEVICE_BUSY);
+    EXPECT_FALSE(node_->removed());
+    EXPECT_EQ(minors(), (std::vector<UCHAR>{IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE}));
+    f.refuseQueryRemove = false;
+    EXPECT_EQ(node_->surpriseRemove(), STATUS_SUCCESS);
+
+    f.addStatus = STATUS_INSUFFICIENT_RESOURCES;
+    auto failed = hk::addRootDevice(driver_, u"ROOT\\MEDIA\\0001");
+    EXPECT_EQ(failed->addDeviceStatus(), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_TRUE(failed->removed());
+    EXPECT_EQ(failed->start(), STATUS_NO_SUCH_DEVICE);
+}
+
+TEST_F(PnpTest, FunctionDeviceLeftAttachedAfterRemovalIsALeak)
+{
+    node_ = hk::addRootDevice(driver_);
+    f.detachOnRemove = false;
+    EXPECT_DEATH(node_->remove(), "ObjectReferenceLeak");
+    f.detachOnRemove = true; // the death happened in a child; this process still removes cleanly
+}
+
+TEST_F(PnpTest, InterfacesRegisterEnumerateAndOpenThroughTheirLinks)
+{
+    node_ = hk::addRootDevice(driver_);
+    std::u16string link = registerInterface(kAudio, L"ambrel0");
+    EXPECT_EQ(narrow(link), narrow(kAudioLink + u"\\ambrel0"));
+    EXPECT_EQ(registerInterface(kAudio, L"ambrel0"), link) << "registering again names the same interface";
+    EXPECT_TRUE(hk::deviceInterfaces(kAudio).empty());
+    ASSERT_EQ(hk::deviceInterfaces(kAudio, false).size(), 1u);
+
+    hk::Process client(300);
+    hk::Handle h = 0;
+    EXPECT_EQ(client.open(link, GENERIC_READ, &h), STATUS_OBJECT_PATH_NOT_FOUND) << "not enabled yet";
+    ASSERT_EQ(setState(link, TRUE), STATUS_SUCCESS);
+    EXPECT_EQ(setState(link, TRUE), STATUS_OBJECT_NAME_EXISTS);
+    auto found = hk::deviceInterfaces(kAudio);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(narrow(found[0].referenceString), "ambrel0");
+    EXPECT_TRUE(hk::deviceInterfaces(kRender).empty());
+
+    // The link plus the reference string reaches the top of the PDO's stack.
+    ASSERT_EQ(client.open(link, GENERIC_READ, &h), STATUS_SUCCESS);
+    hk::Handle user = 0;
+    ASSERT_EQ(client.open(u"\\\\?\\ROOT#MEDIA#0000#{6994AD04-93EF-11D0-A3CC-00A0C9223196}\\ambrel0", GENERIC_READ, &user),
+              STATUS_SUCCESS);
+    EXPECT_EQ(client.fileObject(h)->DeviceObject, node_->pdo());
+    EXPECT_EQ(f.createNames, (std::vector<std::u16string>{u"\\ambrel0", u"\\ambrel0"}));
+    client.close(h);
+    client.close(user);
+
+    // Its registry key, as the driver writes it and a client reads it.
+    std::u16string copy = link;
+    UNICODE_STRING name{USHORT(copy.size() * 2), USHORT(copy.size() * 2), reinterpret_cast<PWSTR>(copy.data())};
+    HANDLE key;
+    ASSERT_EQ(IoOpenDeviceInterfaceRegistryKey(&name, KEY_SET_VALUE, &key), STATUS_SUCCESS);
+    UNICODE_STRING valueName;
+    RtlInitUnicodeString(&valueName, L"FriendlyName");
+    WCHAR friendly[] = L"Piano";
+    ASSERT_EQ(ZwSetValueKey(key, &valueName, 0, REG_SZ, friendly, sizeof friendly), STATUS_SUCCESS);
+    ZwClose(key);
+    EXPECT_EQ(narrow(hk::registry::value(found[0].deviceParametersKey, u"FriendlyName")->text()), "Piano");
+
+    ASSERT_EQ(setState(link, FALSE), STATUS_SUCCESS);
+    EXPECT_EQ(setState(link, FALSE), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(client.open(link, GENERIC_READ, &h), STATUS_OBJECT_PATH_NOT_FOUND);
+}
+
+TEST_F(PnpTest, InterfacesShareTheirLinkAndDisappearWithThePdo)
+{
+    node_ = hk::addRootDevice(driver_);
+    std::u16string first = registerInterface(kAudio, L"ambrel0");
+    std::u16string second = registerInterface(kAudio, L"ambrel1");
+    ASSERT_EQ(setState(first, TRUE), STATUS_SUCCESS);
+    ASSERT_EQ(setState(second, TRUE), STATUS_SUCCESS);
+    ASSERT_EQ(setState(first, FALSE), STATUS_SUCCESS);
+    hk::Process client(300);
+    hk::Handle h = 0;
+    ASSERT_EQ(client.open(second, GENERIC_READ, &h), STATUS_SUCCESS);
+    client.close(h);
+
+    NTSTATUS status;
+    registerInterface(kAudio, L"bad\\ref", &status);
+    EXPECT_EQ(status, STATUS_INVALID_DEVICE_REQUEST);
+    UNICODE_STRING link{};
+    EXPECT_EQ(IoRegisterDeviceInterface(f.fdo, &kAudio, nullptr, &link), STATUS_INVALID_DEVICE_REQUEST)
+        << "only a PDO has interfaces";
+
+    EXPECT_EQ(node_->remove(), STATUS_SUCCESS);
+    EXPECT_TRUE(hk::deviceInterfaces(kAudio).empty());
+    EXPECT_EQ(hk::deviceInterfaces(kAudio, false).size(), 2u) << "registration outlives the device";
+    EXPECT_FALSE(hk::objectExists(kAudioLink));
+}
+
+TEST(WdmVersion, AnswersForTheChosenWindows)
+{
+    struct Case {
+        UCHAR major, minor;
+        bool vista, xp, win2000;
+    } cases[] = {
+        {6, 0, true, true, true},
+        {6, 2, true, true, true},
+        {1, 0x20, false, true, true},
+        {1, 0x10, false, false, true},
+    };
+    for (const auto &c : cases) {
+        hk::setWdmVersion(c.major, c.minor);
+        EXPECT_EQ(IoIsWdmVersionAvailable(6, 0) != 0, c.vista);
+        EXPECT_EQ(IoIsWdmVersionAvailable(1, 0x20) != 0, c.xp);
+        EXPECT_EQ(IoIsWdmVersionAvailable(1, 0x10) != 0, c.win2000);
+    }
+    hk::resetIoState();
+    EXPECT_TRUE(IoIsWdmVersionAvailable(6, 0));
+    EXPECT_FALSE(IoIsWdmVersionAvailable(6, 1));
+}
+
+} // namespace
+} // namespace iotest

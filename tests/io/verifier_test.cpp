@@ -1,0 +1,245 @@
+// Each I/O verifier rule fires on a deliberate violation, and the legal
+// patterns next to them do not.
+#include <atomic>
+#include <functional>
+#include <thread>
+
+#include "iotest.h"
+
+namespace iotest {
+namespace {
+
+constexpr ULONG kCode = CTL_CODE(0x8001, 0x800, METHOD_NEITHER, FILE_ANY_ACCESS);
+
+NTSTATUS completeNow(PIRP irp, NTSTATUS status)
+{
+    irp->IoStatus.Status = status;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return status;
+}
+
+void noCancel(PDEVICE_OBJECT, PIRP irp)
+{
+    IoReleaseCancelSpinLock(irp->CancelIrql);
+}
+
+PIRP gHeld;
+
+struct DispatchCase {
+    const char *name;
+    PDRIVER_DISPATCH dispatch;
+    const char *rule; // null: legal, the request completes normally
+    NTSTATUS status;
+};
+
+const DispatchCase kDispatchCases[] = {
+    {"double completion",
+     [](PDEVICE_OBJECT, PIRP irp) {
+         completeNow(irp, STATUS_SUCCESS);
+         return completeNow(irp, STATUS_SUCCESS);
+     },
+     "IrpDoubleCompletion", 0},
+    {"completion with a cancel routine set",
+     [](PDEVICE_OBJECT, PIRP irp) {
+         IoSetCancelRoutine(irp, noCancel);
+         return completeNow(irp, STATUS_SUCCESS);
+     },
+     "IrpCompletedWithCancelRoutine", 0},
+    {"STATUS_PENDING without IoMarkIrpPending",
+     [](PDEVICE_OBJECT, PIRP irp) {
+         completeNow(irp, STATUS_SUCCESS);
+         return NTSTATUS(STATUS_PENDING);
+     },
+     "IrpPendingNotMarked", 0},
+    {"marked pending, completed, returned a final status",
+     [](PDEVICE_OBJECT, PIRP irp) {
+         IoMarkIrpPending(irp);
+         return completeNow(irp, STATUS_SUCCESS);
+     },
+     "IrpPendingMarkedButCompleted", 0},
+    {"IRQL left raised",
+     [](PDEVICE_OBJECT, PIRP irp) {
+         KIRQL old;
+         KeRaiseIrql(DISPATCH_LEVEL, &old);
+         return completeNow(irp, STATUS_SUCCESS);
+     },
+     "IrqlNotRestored", 0},
+    {"legal: marked pending, completed, returned STATUS_PENDING",
+     [](PDEVICE_OBJECT, PIRP irp) {
+         IoMarkIrpPending(irp);
+         completeNow(irp, STATUS_BUFFER_OVERFLOW);
+         return NTSTATUS(STATUS_PENDING);
+     },
+     nullptr, STATUS_BUFFER_OVERFLOW},
+    {"legal: completed and returned the same status",
+     [](PDEVICE_OBJECT, PIRP irp) { return completeNow(irp, STATUS_DEVICE_BUSY); }, nullptr, STATUS_DEVICE_BUSY},
+};
+
+class VerifierTest : public IoTest {
+protected:
+    hk::IoResult control(PDRIVER_DISPATCH dispatch)
+    {
+        driver_->MajorFunction[IRP_MJ_DEVICE_CONTROL] = dispatch;
+        hk::Process app(100);
+        hk::Handle h = 0;
+        EXPECT_EQ(app.open(kDevice, GENERIC_READ, &h), STATUS_SUCCESS);
+        hk::IoResult r = app.deviceControl(h, kCode, nullptr, 0, nullptr, 0);
+        app.close(h);
+        return r;
+    }
+};
+
+TEST_F(VerifierTest, DispatchRoutineRules)
+{
+    for (const auto &c : kDispatchCases) {
+        SCOPED_TRACE(c.name);
+        if (c.rule != nullptr) {
+            EXPECT_DEATH(control(c.dispatch), c.rule);
+        } else {
+            EXPECT_EQ(control(c.dispatch).status, c.status);
+        }
+    }
+}
+
+TEST_F(VerifierTest, PendingNotMarkedIsCaughtWhenTheLateCompletionArrives)
+{
+    auto action = [this] {
+        driver_->MajorFunction[IRP_MJ_DEVICE_CONTROL] = [](PDEVICE_OBJECT, PIRP irp) {
+            gHeld = irp;
+            return NTSTATUS(STATUS_PENDING);
+        };
+        hk::Process app(100);
+        hk::Handle h = 0;
+        app.open(kDevice, GENERIC_READ, &h);
+        auto request = app.deviceControlAsync(h, kCode, nullptr, 0, 0);
+        std::thread([] { completeNow(gHeld, STATUS_SUCCESS); }).join();
+    };
+    EXPECT_DEATH(action(), "IrpPendingNotMarked");
+}
+
+// Rules checked outside dispatch routines: each action breaks one.
+TEST_F(VerifierTest, TeardownAndResourceRules)
+{
+    struct Case {
+        const char *name;
+        std::function<void()> action;
+        const char *rule;
+    } cases[] = {
+        {"request never completed",
+         [] {
+             hk::Process app(100);
+             hk::Handle h = 0;
+             app.open(kDevice, GENERIC_READ, &h);
+             auto read = app.readAsync(h, 4);
+             claimParked(); // taken by the driver and then forgotten
+             app.close(h);
+             hk::verifyIoQuiescent();
+         },
+         "IrpNeverCompleted"},
+        {"registry handle left open",
+         [] {
+             std::thread([] {
+                 UNICODE_STRING path;
+                 RtlInitUnicodeString(&path, L"\\REGISTRY\\MACHINE\\SYSTEM");
+                 OBJECT_ATTRIBUTES oa;
+                 InitializeObjectAttributes(&oa, &path, OBJ_KERNEL_HANDLE, nullptr, nullptr);
+                 HANDLE key;
+                 ZwOpenKey(&key, KEY_READ, &oa);
+             }).join();
+             hk::verifyIoQuiescent();
+         },
+         "HandleLeak"},
+        {"registry call at DISPATCH_LEVEL",
+         [] {
+             KIRQL old;
+             KeRaiseIrql(DISPATCH_LEVEL, &old);
+             HANDLE key;
+             ZwOpenKey(&key, KEY_READ, nullptr);
+         },
+         "IrqlTooHigh"},
+        {"interface call at DISPATCH_LEVEL",
+         [] {
+             KIRQL old;
+             KeRaiseIrql(DISPATCH_LEVEL, &old);
+             UNICODE_STRING link{};
+             IoSetDeviceInterfaceState(&link, TRUE);
+         },
+         "IrqlTooHigh"},
+        {"timer left queued",
+         [] {
+             static KTIMER timer;
+             KeInitializeTimer(&timer);
+             LARGE_INTEGER due;
+             due.QuadPart = -10LL * 1000 * 1000 * 60;
+             KeSetTimer(&timer, due, nullptr);
+             hk::verifyIoQuiescent();
+         },
+         "TimerFreedWhileQueued"},
+        {"timer freed while queued",
+         [] {
+             auto *timer = static_cast<PKTIMER>(ExAllocatePoolWithTag(NonPagedPool, sizeof(KTIMER), hk::tag("Test")));
+             KeInitializeTimer(timer);
+             LARGE_INTEGER due;
+             due.QuadPart = -10LL * 1000 * 1000 * 60;
+             KeSetTimer(timer, due, nullptr);
+             ExFreePoolWithTag(timer, hk::tag("Test"));
+         },
+         "TimerFreedWhileQueued"},
+        {"DPC of a queued timer freed",
+         [] {
+             static KTIMER timer;
+             auto *dpc = static_cast<PKDPC>(ExAllocatePoolWithTag(NonPagedPool, sizeof(KDPC), hk::tag("Test")));
+             KeInitializeDpc(dpc, [](PKDPC, PVOID, PVOID, PVOID) {}, nullptr);
+             KeInitializeTimer(&timer);
+             LARGE_INTEGER due;
+             due.QuadPart = -10LL * 1000 * 1000 * 60;
+             KeSetTimer(&timer, due, dpc);
+             ExFreePoolWithTag(dpc, hk::tag("Test"));
+         },
+         "DpcFreedWhileQueued"},
+        {"queued DPC freed",
+         [] {
+             // Hold the DPC thread in one DPC so that the second stays queued.
+             static std::atomic<bool> running{false};
+             static KDPC blocker;
+             KeInitializeDpc(&blocker,
+                             [](PKDPC, PVOID, PVOID, PVOID) {
+                                 running = true;
+                                 for (;;) {
+                                     std::this_thread::yield();
+                                 }
+                             },
+                             nullptr);
+             KeInsertQueueDpc(&blocker, nullptr, nullptr);
+             while (!running) {
+                 std::this_thread::yield();
+             }
+             auto *dpc = static_cast<PKDPC>(ExAllocatePoolWithTag(NonPagedPool, sizeof(KDPC), hk::tag("Test")));
+             KeInitializeDpc(dpc, [](PKDPC, PVOID, PVOID, PVOID) {}, nullptr);
+             KeInsertQueueDpc(dpc, nullptr, nullptr);
+             ExFreePoolWithTag(dpc, hk::tag("Test"));
+         },
+         "DpcFreedWhileQueued"},
+        {"reference released twice",
+         [] {
+             PDEVICE_OBJECT device = g.device;
+             ObReferenceObject(device);
+             ObDereferenceObject(device);
+             ObDereferenceObject(device);
+         },
+         "ObjectDoubleRelease"},
+        {"driver unloaded with its device left",
+         [this] {
+             driver_->DriverUnload = [](PDRIVER_OBJECT) {};
+             hk::unloadDriver(driver_);
+         },
+         "ObjectReferenceLeak"},
+    };
+    for (auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_DEATH(c.action(), c.rule);
+    }
+}
+
+} // namespace
+} // namespace iotest
