@@ -306,6 +306,7 @@ TEST_F(CallerTest, DeletedDeviceStillServesOpenHandlesButNoNewOpens)
     EXPECT_FALSE(hk::objectExists(kDevice));
     hk::Handle again = 0;
     EXPECT_EQ(app.open(kLink, GENERIC_READ, &again), STATUS_OBJECT_NAME_NOT_FOUND); // the link dangles
+    EXPECT_EQ(app.openRelative(h, u"child", GENERIC_READ, &again), STATUS_NO_SUCH_DEVICE);
     EXPECT_EQ(hk::unloadDriver(driver_), STATUS_DEVICE_BUSY);
     EXPECT_EQ(app.request(h, IRP_MJ_FLUSH_BUFFERS).status, STATUS_INVALID_DEVICE_REQUEST);
     app.close(h);

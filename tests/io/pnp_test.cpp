@@ -230,6 +230,7 @@ TEST_F(PnpTest, FunctionDeviceLeftAttachedAfterRemovalIsALeak)
 {
     node_ = hk::addRootDevice(driver_);
     f.detachOnRemove = false;
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(node_->remove(), "ObjectReferenceLeak");
     f.detachOnRemove = true; // the death happened in a child; this process still removes cleanly
 }

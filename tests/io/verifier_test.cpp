@@ -77,6 +77,14 @@ const DispatchCase kDispatchCases[] = {
 
 class VerifierTest : public IoTest {
 protected:
+    // The children must start from scratch: they need the DPC and worker
+    // threads that a forked child would not have.
+    void SetUp() override
+    {
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+        IoTest::SetUp();
+    }
+
     hk::IoResult control(PDRIVER_DISPATCH dispatch)
     {
         driver_->MajorFunction[IRP_MJ_DEVICE_CONTROL] = dispatch;

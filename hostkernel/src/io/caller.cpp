@@ -530,7 +530,15 @@ NTSTATUS Process::openRelative(Handle related, std::u16string_view name, ACCESS_
     DeviceRecord *device = relatedFile->device;
     {
         std::lock_guard<std::mutex> lock(objectsMutex());
-        device->openFiles++;
+        if (device->deleted) {
+            device = nullptr;
+        } else {
+            device->openFiles++;
+        }
+    }
+    if (device == nullptr) {
+        releaseFile(relatedFile, true);
+        return STATUS_NO_SUCH_DEVICE;
     }
     return openFile(state_, relatedFile, device, std::u16string(name), desiredAccess, options, handle);
 }
