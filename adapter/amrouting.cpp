@@ -16,9 +16,10 @@ NTSTATUS punt_to_PortCls(_In_ PDEVICE_OBJECT DeviceObject, _In_ PIRP Irp)
     return status;
 }
 
+// Not pageable: power and kernel-mode callers' requests pass through here and
+// may come at DISPATCH_LEVEL.
 NTSTATUS NTAPI am_private_dispatch_catchall(_In_ PDEVICE_OBJECT DeviceObject, _Inout_ PIRP Irp)
 {
-    AmPagedCode();
 
     AmLog("am_private_dispatch_catchall (%x)", AM_PTR32(DeviceObject));
     if (AmIsControlDevice(DeviceObject)) {
@@ -28,9 +29,9 @@ NTSTATUS NTAPI am_private_dispatch_catchall(_In_ PDEVICE_OBJECT DeviceObject, _I
     return punt_to_PortCls(DeviceObject, Irp);
 }
 
+// Not pageable: kernel-mode callers may send these at DISPATCH_LEVEL.
 NTSTATUS NTAPI am_private_dispatch_internal_device_control(_In_ PDEVICE_OBJECT DeviceObject, _Inout_ PIRP Irp)
 {
-    AmPagedCode();
 
     AmLog("am_private_dispatch_internal_device_control (%x)", AM_PTR32(DeviceObject));
     if (!AmIsControlDevice(DeviceObject)) {
