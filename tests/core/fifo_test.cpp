@@ -39,7 +39,7 @@ TEST(PortFifo, SizeIsTheNextPowerOfTwoAboveTheSysexSizeAndHoldsOneByteLess)
         EXPECT_EQ(c.size - 1, fifo.f.FifoDepth());
         EXPECT_EQ(0u, fifo.f.FifoSpace());
 
-        char size[64], buffer[64];
+        char size[128], buffer[128];
         std::snprintf(size, sizeof(size), "Ambrel:Miniport: CreateMiniportAmbrel ------ size: %u mask: %x", c.size,
                       c.mask);
         std::snprintf(buffer, sizeof(buffer), "Ambrel:Miniport: CreateMiniportAmbrel ----- RX-Buffer-Size: %u",
