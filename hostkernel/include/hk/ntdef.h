@@ -171,7 +171,7 @@ inline bool operator!=(REFGUID a, REFGUID b) { return !IsEqualGUID(a, b); }
 #define DEFINE_GUIDSTRUCT(guid, name) struct name
 #define DEFINE_GUIDNAMED(name) name
 #define STATIC_GUID_NULL 0x00000000L, 0x0000, 0x0000, 0, 0, 0, 0, 0, 0, 0, 0
-DEFINE_GUID(GUID_NULL, STATIC_GUID_NULL);
+static const GUID GUID_NULL = {0, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0}};
 
 // ---------------------------------------------------------------- strings
 typedef struct _UNICODE_STRING {

@@ -74,6 +74,7 @@ enum class Rule {
     SpinLockNotHeld,      // release of a lock the thread does not hold
     SpinLockRecursion,    // acquire of a lock the thread already holds
     SpinLockOrder,        // acquisition order forms a cycle with an earlier order
+    SpinLockLeftHeld,     // a lock still held when the test ends
     PageableCodeAtRaisedIrql,
     PoolLeak,             // allocations left at teardown
     PoolDoubleFree,       // free of memory that is not allocated
@@ -106,7 +107,18 @@ void acknowledgeAssertions(size_t count);
 // PASSIVE_LEVEL, no unacknowledged assertion, and (with checkPool) no live
 // pool allocation. Reports a violation on the first that fails.
 void verifyQuiescent(bool checkPool = true);
+// The same checks without stopping the process: one text per problem found
+// ("<RULE_NAME>: details"), empty when the kernel is quiet. The test main uses
+// it to fail the test that left the problem behind and go on with the next.
+std::vector<std::string> quiescenceProblems(bool checkPool = true);
+// After a test that failed the checks: the calling thread back at
+// PASSIVE_LEVEL holding nothing, assertions acknowledged, blocks it leaked no
+// longer counted as live (they stay allocated), so the next test starts clean.
+void forgetFailedTestState();
 // Forget acquisition-order history (between independent tests).
 void resetLockOrderHistory();
+// What one test may leave for the next on purpose goes: pool faults,
+// lock-order history, the record of assertions.
+void resetBetweenTests();
 
 } // namespace hostkernel
