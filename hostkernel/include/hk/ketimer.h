@@ -107,7 +107,3 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
                                BOOLEAN Alertable, PLARGE_INTEGER Timeout);
 // Sleeps the calling thread (at most APC_LEVEL).
 NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval);
-
-// The pool's free path reports every block it frees here, so that memory
-// still holding a queued KTIMER or KDPC is caught before it is reused.
-void HkCheckFreedMemory(const void *base, SIZE_T bytes);

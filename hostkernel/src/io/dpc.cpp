@@ -313,11 +313,6 @@ std::vector<std::string> queuedDpcDescriptions()
 using namespace hostkernel;
 using namespace hostkernel::detail;
 
-void HkCheckFreedMemory(const void *base, SIZE_T bytes)
-{
-    checkFreedMemory(base, bytes);
-}
-
 // ------------------------------------------------------------------ DPCs
 void KeInitializeDpc(PRKDPC Dpc, PKDEFERRED_ROUTINE DeferredRoutine, PVOID DeferredContext)
 {
