@@ -36,8 +36,14 @@ struct Log {
     void updateListening()
     {
         LONG listeners = LONG(captures.size()) + (toStderr ? 1 : 0);
+        if (listeners != 0 && HkDebugOutputListening == 0) {
+            session.fetch_add(1, std::memory_order_release);
+        }
         __atomic_store_n(&HkDebugOutputListening, listeners, __ATOMIC_RELEASE);
     }
+
+    // Counts the times somebody started listening after a silence.
+    std::atomic<uint64_t> session{0};
 };
 
 Log &log()
@@ -47,6 +53,9 @@ Log &log()
 }
 
 thread_local std::string pendingLine;
+// The listening session the pending line began in: a line begun before a
+// silence is not finished into the next session's log.
+thread_local uint64_t pendingSession = 0;
 
 void emitLine(const std::string &line)
 {
@@ -93,6 +102,16 @@ private:
     }
 };
 
+// Drops what this thread left unfinished in an earlier listening session.
+void startInSession()
+{
+    uint64_t session = log().session.load(std::memory_order_acquire);
+    if (session != pendingSession) {
+        pendingLine.clear();
+        pendingSession = session;
+    }
+}
+
 bool listening()
 {
     return __atomic_load_n(&HkDebugOutputListening, __ATOMIC_ACQUIRE) != 0;
@@ -125,11 +144,9 @@ Assertions &assertionRecord()
 ULONG DbgPrint(PCSTR format, ...)
 {
     if (!listening()) {
-        // A message begun while somebody listened must not prefix the next
-        // one printed after the listener comes back.
-        pendingLine.clear();
         return 0;
     }
+    startInSession();
     va_list args;
     va_start(args, format);
     LineSink sink;
@@ -151,6 +168,7 @@ void RtlAssert(PVOID failedAssertion, PVOID fileName, ULONG lineNumber, PSTR mes
     if (listening()) {
         // The kernel's text, on lines of their own even if the thread was
         // half way through a message.
+        startInSession();
         if (!pendingLine.empty()) {
             print("\n");
         }

@@ -1,0 +1,262 @@
+// The run-time library's conversions and safe-string printers, with the
+// results the Windows routines give.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+
+#include "hostkernel/executive.h"
+#include "amplatform.h"
+
+namespace {
+
+namespace hk = hostkernel;
+
+// A counted string over `text` that is not terminated where it ends.
+struct Counted {
+    explicit Counted(std::u16string text) : storage(std::move(text) + u"#junk")
+    {
+        string.Buffer = reinterpret_cast<PWSTR>(storage.data());
+        string.Length = USHORT((storage.size() - 5) * sizeof(WCHAR));
+        string.MaximumLength = USHORT(storage.size() * sizeof(WCHAR));
+    }
+    std::u16string storage;
+    UNICODE_STRING string{};
+};
+
+std::string narrowed(const char16_t *s)
+{
+    std::string out;
+    for (; *s != 0; s++) {
+        out += *s < 0x7F && *s >= 0x20 ? char(*s) : '?';
+    }
+    return out;
+}
+
+std::u16string text(PCWSTR s)
+{
+    return reinterpret_cast<const char16_t *>(s);
+}
+
+TEST(Rtl, UnicodeStringToInteger)
+{
+    struct Case {
+        const char16_t *text;
+        ULONG base;
+        NTSTATUS status;
+        ULONG value;
+    };
+    const Case cases[] = {
+        {u"65536", 10, STATUS_SUCCESS, 65536},
+        {u"  \t\r\n42", 10, STATUS_SUCCESS, 42},
+        {u"\x01\x1F 7", 10, STATUS_SUCCESS, 7}, // every control character is white space
+        {u"+9", 10, STATUS_SUCCESS, 9},
+        {u"-5", 10, STATUS_SUCCESS, ULONG(-5)},
+        {u" -0x10", 0, STATUS_SUCCESS, ULONG(-16)},
+        {u"12abc", 10, STATUS_SUCCESS, 12},
+        {u"1 2", 10, STATUS_SUCCESS, 1},
+        {u"0x1F", 0, STATUS_SUCCESS, 31},
+        {u"0o17", 0, STATUS_SUCCESS, 15},
+        {u"0b101", 0, STATUS_SUCCESS, 5},
+        {u"0X1F", 0, STATUS_SUCCESS, 0}, // prefixes are lower case only
+        {u"017", 0, STATUS_SUCCESS, 17}, // no octal by leading zero
+        {u"0x1F", 16, STATUS_SUCCESS, 0}, // a prefix only when the base is 0
+        {u"1f", 16, STATUS_SUCCESS, 31},
+        {u"FfZ", 16, STATUS_SUCCESS, 255},
+        {u"1012", 2, STATUS_SUCCESS, 5},
+        {u"789", 8, STATUS_SUCCESS, 7},
+        {u"4294967295", 10, STATUS_SUCCESS, 0xFFFFFFFFu},
+        {u"4294967296", 10, STATUS_SUCCESS, 0},  // wraps, no overflow status
+        {u"4294967297", 10, STATUS_SUCCESS, 1},
+        {u"", 10, STATUS_SUCCESS, 0},            // no digits: 0 and success
+        {u"   ", 10, STATUS_SUCCESS, 0},
+        {u"-", 10, STATUS_SUCCESS, 0},
+        {u"abc", 10, STATUS_SUCCESS, 0},
+        {u"10", 7, STATUS_INVALID_PARAMETER, 1234},
+        {u"10", 1, STATUS_INVALID_PARAMETER, 1234},
+        {u"10", 36, STATUS_INVALID_PARAMETER, 1234},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(narrowed(c.text));
+        Counted s(c.text);
+        ULONG value = 1234;
+        EXPECT_EQ(RtlUnicodeStringToInteger(&s.string, c.base, &value), c.status);
+        EXPECT_EQ(value, c.value);
+    }
+    // Only Length counts: the characters after it are not read.
+    Counted cut(u"123");
+    cut.storage[3] = u'9';
+    ULONG value = 0;
+    EXPECT_EQ(RtlUnicodeStringToInteger(&cut.string, 10, &value), STATUS_SUCCESS);
+    EXPECT_EQ(value, 123u);
+}
+
+TEST(Rtl, GuidText)
+{
+    const GUID expected = {0x6994AD04, 0x93EF, 0x11D0, {0xA3, 0xCC, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+    struct Case {
+        const char16_t *text;
+        NTSTATUS status;
+    };
+    const Case cases[] = {
+        {u"{6994AD04-93EF-11D0-A3CC-00A0C9223196}", STATUS_SUCCESS},
+        {u"{6994ad04-93ef-11d0-a3cc-00a0c9223196}", STATUS_SUCCESS},
+        {u"6994AD04-93EF-11D0-A3CC-00A0C9223196", STATUS_INVALID_PARAMETER},
+        {u"{6994AD04-93EF-11D0-A3CC-00A0C9223196", STATUS_INVALID_PARAMETER},
+        {u"{6994AD04-93EF-11D0-A3CC-00A0C9223196}x", STATUS_INVALID_PARAMETER},
+        {u"(6994AD04-93EF-11D0-A3CC-00A0C9223196)", STATUS_INVALID_PARAMETER},
+        {u"{6994AD04-93EF-11D0-A3CC-00A0C922319G}", STATUS_INVALID_PARAMETER},
+        {u"{6994AD04+93EF-11D0-A3CC-00A0C9223196}", STATUS_INVALID_PARAMETER},
+        {u"{6994AD0-493EF-11D0-A3CC-00A0C9223196}", STATUS_INVALID_PARAMETER},
+        {u"{6994AD04-93EF-11D0-A3CC00-A0C9223196}", STATUS_INVALID_PARAMETER},
+        {u"{ 994AD04-93EF-11D0-A3CC-00A0C9223196}", STATUS_INVALID_PARAMETER},
+        {u"", STATUS_INVALID_PARAMETER},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(narrowed(c.text));
+        Counted s(c.text);
+        GUID parsed = GUID_NULL;
+        EXPECT_EQ(RtlGUIDFromString(&s.string, &parsed), c.status);
+        EXPECT_TRUE(parsed == (c.status == STATUS_SUCCESS ? expected : GUID_NULL));
+    }
+
+    UNICODE_STRING made;
+    size_t liveBefore = hk::poolLiveAllocations();
+    ASSERT_EQ(RtlStringFromGUID(expected, &made), STATUS_SUCCESS);
+    EXPECT_EQ(hk::poolLiveAllocations(), liveBefore + 1);
+    EXPECT_EQ(text(made.Buffer), u"{6994AD04-93EF-11D0-A3CC-00A0C9223196}");
+    EXPECT_EQ(made.Length, 76);
+    EXPECT_EQ(made.MaximumLength, 78);
+    GUID back;
+    EXPECT_EQ(RtlGUIDFromString(&made, &back), STATUS_SUCCESS);
+    EXPECT_TRUE(back == expected);
+    RtlFreeUnicodeString(&made);
+    EXPECT_EQ(made.Buffer, nullptr);
+    EXPECT_EQ(hk::poolLiveAllocations(), liveBefore);
+
+    hk::failNextPoolAllocations(0);
+    EXPECT_EQ(RtlStringFromGUID(expected, &made), STATUS_NO_MEMORY);
+    EXPECT_EQ(made.Buffer, nullptr);
+    EXPECT_EQ(hk::poolLiveAllocations(), liveBefore);
+}
+
+TEST(Rtl, SafePrintersCutAndTerminate)
+{
+    struct Case {
+        const char *name;
+        size_t cch;
+        std::function<NTSTATUS(PWSTR, size_t)> print;
+        NTSTATUS status;
+        const char16_t *result; // null: the buffer is untouched
+    };
+    auto ambrel = [](PWSTR d, size_t n) { return RtlStringCchPrintfW(d, n, L"ambrel%d", 5); };
+    const Case cases[] = {
+        {"room to spare", 16, ambrel, STATUS_SUCCESS, u"ambrel5"},
+        {"exactly enough", 8, ambrel, STATUS_SUCCESS, u"ambrel5"},
+        {"one short", 7, ambrel, STATUS_BUFFER_OVERFLOW, u"ambrel"},
+        {"only the terminator", 1, ambrel, STATUS_BUFFER_OVERFLOW, u""},
+        {"no room at all", 0, ambrel, STATUS_INVALID_PARAMETER, nullptr},
+        {"beyond the maximum", size_t(NTSTRSAFE_MAX_CCH) + 1, ambrel, STATUS_INVALID_PARAMETER, nullptr},
+        {"bytes, even", 16, [](PWSTR d, size_t n) { return RtlStringCbPrintfW(d, n, L"%s-%d", L"abc", 12); },
+         STATUS_SUCCESS, u"abc-12"},
+        {"bytes, an odd count rounds down", 11, [](PWSTR d, size_t n) { return RtlStringCbPrintfW(d, n, L"%s-%d", L"abc", 12); },
+         STATUS_BUFFER_OVERFLOW, u"abc-"},
+        {"bytes, less than one character", 1,
+         [](PWSTR d, size_t n) { return RtlStringCbPrintfW(d, n, L"x"); }, STATUS_INVALID_PARAMETER, nullptr},
+        {"copy that fits", 4, [](PWSTR d, size_t n) { return RtlStringCchCopyW(d, n, L"abc"); }, STATUS_SUCCESS,
+         u"abc"},
+        {"copy cut", 3, [](PWSTR d, size_t n) { return RtlStringCchCopyW(d, n, L"abc"); }, STATUS_BUFFER_OVERFLOW,
+         u"ab"},
+        {"copy into nothing", 0, [](PWSTR d, size_t n) { return RtlStringCchCopyW(d, n, L"abc"); },
+         STATUS_INVALID_PARAMETER, nullptr},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        WCHAR buffer[32];
+        for (WCHAR &w : buffer) {
+            w = L'?';
+        }
+        EXPECT_EQ(c.print(buffer, c.cch), c.status);
+        if (c.result == nullptr) {
+            EXPECT_EQ(buffer[0], L'?');
+        } else {
+            EXPECT_EQ(text(buffer), c.result);
+        }
+    }
+}
+
+TEST(Rtl, CountedStringPrinterFillsWithoutTerminator)
+{
+    struct Case {
+        USHORT maximumLength;
+        USHORT length;
+        NTSTATUS status;
+        const char16_t *result;
+    };
+    const Case cases[] = {
+        {32, 0, STATUS_SUCCESS, u"ambrel12"},
+        {16, 6, STATUS_SUCCESS, u"ambrel12"}, // exactly full, no terminator needed
+        {12, 0, STATUS_BUFFER_OVERFLOW, u"ambrel"},
+        {0, 0, STATUS_BUFFER_OVERFLOW, u""},
+        {11, 0, STATUS_INVALID_PARAMETER, u""}, // odd byte count
+        {8, 10, STATUS_INVALID_PARAMETER, nullptr}, // Length beyond the buffer
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.maximumLength);
+        WCHAR buffer[16];
+        UNICODE_STRING s{c.length, c.maximumLength, buffer};
+        EXPECT_EQ(RtlUnicodeStringPrintf(&s, L"ambrel%d", 12), c.status);
+        if (c.result != nullptr) {
+            EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t *>(buffer), s.Length / sizeof(WCHAR)),
+                      c.result);
+        }
+    }
+}
+
+TEST(Rtl, CountedStrings)
+{
+    UNICODE_STRING a;
+    RtlInitUnicodeString(&a, L"Piano");
+    EXPECT_EQ(a.Length, 10);
+    EXPECT_EQ(a.MaximumLength, 12);
+    UNICODE_STRING none;
+    RtlInitUnicodeString(&none, nullptr);
+    EXPECT_TRUE(none.Length == 0 && none.MaximumLength == 0 && none.Buffer == nullptr);
+
+    struct Case {
+        const char16_t *left;
+        const char16_t *right;
+        bool caseInsensitive;
+        int sign; // of the comparison
+    };
+    const Case cases[] = {
+        {u"Piano", u"Piano", false, 0}, {u"Piano", u"PIANO", false, 1}, {u"Piano", u"PIANO", true, 0},
+        {u"\u00E9t\u00E9", u"\u00C9T\u00C9", true, 0}, {u"Pian", u"Piano", true, -1}, {u"b", u"a", true, 1},
+        {u"", u"", false, 0},
+    };
+    for (const Case &c : cases) {
+        Counted l(c.left), r(c.right);
+        LONG result = RtlCompareUnicodeString(&l.string, &r.string, c.caseInsensitive);
+        EXPECT_EQ((result > 0) - (result < 0), c.sign);
+        EXPECT_EQ(RtlEqualUnicodeString(&l.string, &r.string, c.caseInsensitive), c.sign == 0);
+    }
+
+    WCHAR storage[4];
+    UNICODE_STRING small{0, sizeof storage, storage};
+    RtlCopyUnicodeString(&small, &a);
+    EXPECT_EQ(small.Length, sizeof storage); // cut to the destination
+    EXPECT_EQ(std::u16string(reinterpret_cast<char16_t *>(storage), 4), u"Pian");
+
+    SIZE_T length = 99;
+    EXPECT_EQ(RtlStringCchLengthW(L"abc", 4, &length), STATUS_SUCCESS);
+    EXPECT_EQ(length, 3u);
+    EXPECT_EQ(RtlStringCchLengthW(L"abc", 3, &length), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(length, 0u);
+    EXPECT_EQ(RtlStringCchLengthW(nullptr, 3, &length), STATUS_INVALID_PARAMETER);
+
+    const unsigned char x[] = {1, 2, 3, 4}, y[] = {1, 2, 9, 4};
+    EXPECT_EQ(RtlCompareMemory(x, y, 4), 2u);
+    EXPECT_EQ(RtlCompareMemory(x, x, 4), 4u);
+}
+
+} // namespace
