@@ -207,6 +207,23 @@ TEST_F(CallerTest, CancelIoCancelsOnlyTheCallersOwnRequests)
     other.close(o);
 }
 
+TEST_F(CallerTest, CancelBeforeTheDriverParksIsSeenThroughTheCancelFlag)
+{
+    hk::Process app(100);
+    hk::Handle h = 0;
+    ASSERT_EQ(app.open(kDevice, GENERIC_READ, &h), STATUS_SUCCESS);
+    // Another thread of the process cancels while the dispatch routine runs,
+    // before any cancel routine is set: only the Cancel flag can tell.
+    NTSTATUS cancelled = STATUS_PENDING;
+    g.beforePark = [&] { std::thread([&] { cancelled = app.cancelIo(h); }).join(); };
+    auto read = app.readAsync(h, 4);
+    EXPECT_EQ(cancelled, STATUS_SUCCESS);
+    EXPECT_EQ(read->result().dispatchStatus, STATUS_CANCELLED);
+    EXPECT_EQ(read->status(), STATUS_CANCELLED);
+    EXPECT_EQ(parkedCount(), 0u);
+    app.close(h);
+}
+
 TEST_F(CallerTest, CloseSendsCleanupAtOnceAndCloseWhenTheLastReferenceGoes)
 {
     hk::Process app(100);
@@ -233,6 +250,7 @@ TEST_F(CallerTest, CloseSendsCleanupAtOnceAndCloseWhenTheLastReferenceGoes)
     hk::drainIo();
     EXPECT_EQ(read->status(), STATUS_SUCCESS);
     EXPECT_EQ(g.majors(), (std::vector<UCHAR>{IRP_MJ_CREATE, IRP_MJ_READ, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}));
+    EXPECT_EQ(g.seen.back().irql, PASSIVE_LEVEL) << "the close is not sent from inside the completion";
 }
 
 TEST_F(CallerTest, RelatedOpensReachTheSameDeviceAndCloseChildFirst)

@@ -90,6 +90,9 @@ void cancelParked(PDEVICE_OBJECT, PIRP irp)
 
 NTSTATUS park(PIRP irp)
 {
+    if (g.beforePark) {
+        g.beforePark();
+    }
     KIRQL irql;
     KeAcquireSpinLock(&g.lock, &irql);
     IoSetCancelRoutine(irp, cancelParked);
@@ -249,6 +252,7 @@ void IoTest::SetUp()
         g.seen.clear();
         g.readData.clear();
     }
+    g.beforePark = nullptr;
     g.parked.clear();
     KeInitializeSpinLock(&g.lock);
     g.createStatus = STATUS_SUCCESS;

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -48,6 +49,7 @@ struct DriverState {
     ULONG deviceFlags = DO_DIRECT_IO;
     NTSTATUS createStatus = STATUS_SUCCESS;
     std::vector<UCHAR> readData; // served at once by reads while not empty
+    std::function<void()> beforePark; // runs in the read's dispatch routine before it parks
     PDEVICE_OBJECT device = nullptr;
 
     std::vector<UCHAR> majors();
