@@ -9,6 +9,7 @@ packages=(
     clang-14 libclang-rt-14-dev lld-14
     g++-mingw-w64-x86-64-win32 mingw-w64-common mingw-w64-tools binutils-mingw-w64-x86-64
     libasound2-dev
+    fuse3 libfuse3-dev jackd2 libjack-jackd2-dev
 )
 
 missing=()

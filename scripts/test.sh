@@ -47,6 +47,10 @@ if want windows && [ -f cmake/mingw-w64-x86_64.cmake ]; then
     configure_and_build build/windows -DCMAKE_BUILD_TYPE=Release \
         -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake
     python3 tools/pe_audit.py build/windows/ambrel.sys build/windows
+    # libambrel's Windows half and its example program (user mode).
+    cmake -S frontend/windows -B build/windows-frontend -G Ninja -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/mingw-w64-x86_64.cmake" >/dev/null
+    cmake --build build/windows-frontend
 fi
 
 if want fuzz && [ -d fuzz ] && [ -f fuzz/CMakeLists.txt ]; then

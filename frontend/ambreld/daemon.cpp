@@ -1,0 +1,1093 @@
+#include <fuse_lowlevel.h>
+
+#include "daemon.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <unordered_map>
+#include <vector>
+
+#include <hostkernel/executive.h>
+#include <hostkernel/io.h>
+#include <hostkernel/pnp.h>
+#include <hostkernel/registry.h>
+
+#include "adapter/amadapter.h"
+#include "adapter/porttable.h"
+#include "ambrel/mount.h"
+#include "pins.h"
+#include "ports.h"
+#include "reader.h"
+#include "status_errno.h"
+#include "text.h"
+
+namespace ambreld {
+
+namespace hk = hostkernel;
+
+namespace {
+
+constexpr ULONG kIoctlProcessIds = 0x80012004;
+constexpr std::size_t kReadAhead = 64 * 1024;
+const std::u16string kService = u"ambrel";
+const std::u16string kControlLink = u"\\DosDevices\\Ambrel";
+
+// ------------------------------------------------------------------ processes
+// One host-kernel process per Linux process that has something open, so the
+// driver sees (and reports) real pids. It lives while one of its files does.
+class ProcessTable {
+public:
+    std::shared_ptr<hk::Process> get(std::uint64_t pid)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (auto p = table_[pid].lock()) {
+            return p;
+        }
+        // The deleter takes the table's lock, so a process is gone from the
+        // host kernel before another of the same pid can be made.
+        std::shared_ptr<hk::Process> p(new hk::Process(pid), [this, pid](hk::Process *dead) {
+            std::lock_guard<std::mutex> g(mutex_);
+            auto it = table_.find(pid);
+            if (it != table_.end() && it->second.expired()) {
+                table_.erase(it);
+            }
+            delete dead;
+        });
+        table_[pid] = p;
+        return p;
+    }
+
+private:
+    std::mutex mutex_;
+    std::unordered_map<std::uint64_t, std::weak_ptr<hk::Process>> table_;
+};
+
+// ------------------------------------------------------------------ nodes
+enum class Kind { Root, PortsDir, Control, PortDir, Out, In, Info };
+
+constexpr fuse_ino_t kRootIno = FUSE_ROOT_ID;
+constexpr fuse_ino_t kPortsIno = 2;
+
+// Inode numbers for names the kernel has looked up: a control file per name
+// below the root, a directory per port name, its files. Forgotten names give
+// their number up.
+class NodeTable {
+public:
+    struct Node {
+        Kind kind;
+        std::string key; // control: the file name; port nodes: the directory name
+        std::uint64_t lookups = 0;
+    };
+
+    fuse_ino_t ref(Kind kind, const std::string &key)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto k = std::make_pair(kind, key);
+        auto it = byKey_.find(k);
+        fuse_ino_t ino;
+        if (it == byKey_.end()) {
+            ino = next_++;
+            byKey_[k] = ino;
+            nodes_[ino] = Node{kind, key, 0};
+        } else {
+            ino = it->second;
+        }
+        ++nodes_[ino].lookups;
+        return ino;
+    }
+
+    void forget(fuse_ino_t ino, std::uint64_t n)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = nodes_.find(ino);
+        if (it == nodes_.end()) {
+            return;
+        }
+        it->second.lookups -= std::min(n, it->second.lookups);
+        if (it->second.lookups == 0) {
+            byKey_.erase(std::make_pair(it->second.kind, it->second.key));
+            nodes_.erase(it);
+        }
+    }
+
+    bool get(fuse_ino_t ino, Node *node)
+    {
+        if (ino == kRootIno || ino == kPortsIno) {
+            *node = Node{ino == kRootIno ? Kind::Root : Kind::PortsDir, "", 1};
+            return true;
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = nodes_.find(ino);
+        if (it == nodes_.end()) {
+            return false;
+        }
+        *node = it->second;
+        return true;
+    }
+
+    // Numbers for readdir entries (the kernel looks every name up again).
+    fuse_ino_t peek(Kind kind, const std::string &key)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = byKey_.find(std::make_pair(kind, key));
+        return it == byKey_.end() ? fuse_ino_t(0xFFFFFFFF) : it->second;
+    }
+
+private:
+    std::mutex mutex_;
+    fuse_ino_t next_ = 16;
+    std::map<fuse_ino_t, Node> nodes_;
+    std::map<std::pair<Kind, std::string>, fuse_ino_t> byKey_;
+};
+
+// ------------------------------------------------------------------ open files
+struct OpenFile {
+    explicit OpenFile(Kind k) : kind(k) {}
+    virtual ~OpenFile() = default;
+    // Ends everything the file holds in the host kernel (at release, or at
+    // shutdown for files the kernel never released).
+    virtual void shut() {}
+    const Kind kind;
+};
+
+// A port owner's handle on the control device.
+struct OwnerFile : OpenFile {
+    OwnerFile() : OpenFile(Kind::Control) {}
+    ~OwnerFile() override { shut(); }
+
+    void start()
+    {
+        reader = std::make_unique<AsyncReader>(
+            [this](std::size_t size, AsyncReader::FetchContext &context) {
+                AsyncReader::Result result;
+                auto request = process->readAsync(handle, ULONG(std::min<std::size_t>(size, 0x7FFFFFFF)));
+                {
+                    std::lock_guard<std::mutex> lock(mutex);
+                    current = request;
+                }
+                if (context.cancelled) {
+                    request->cancel();
+                }
+                if (!request->done()) {
+                    context.parked();
+                }
+                request->wait();
+                {
+                    std::lock_guard<std::mutex> lock(mutex);
+                    current.reset();
+                }
+                result.status = request->status();
+                if (NT_SUCCESS(result.status)) {
+                    const auto &out = request->output();
+                    std::size_t n = std::min<std::size_t>(request->information(), out.size());
+                    result.chunks.emplace_back(out.begin(), out.begin() + long(n));
+                }
+                return result;
+            },
+            [this] {
+                std::shared_ptr<hk::Request> request;
+                {
+                    std::lock_guard<std::mutex> lock(mutex);
+                    request = current;
+                }
+                if (request) {
+                    request->cancel();
+                }
+            },
+            false, kReadAhead);
+    }
+
+    void shut() override
+    {
+        std::lock_guard<std::mutex> lock(shutMutex);
+        if (process == nullptr) {
+            return;
+        }
+        if (reader) {
+            reader->stop();
+        }
+        // The driver's cleanup finishes a read still parked (the reader's
+        // fetch then ends), and its close withdraws the port.
+        process->close(handle);
+        if (reader) {
+            reader->join();
+            reader.reset();
+        }
+        process.reset();
+    }
+
+    std::shared_ptr<hk::Process> process;
+    hk::Handle handle = 0;
+    bool canRead = false;
+    bool canWrite = false;
+    std::u16string name;            // the port's name as the driver took it
+    std::u16string referenceString; // "ambrelN"
+    std::unique_ptr<AsyncReader> reader;
+    std::mutex mutex;
+    std::shared_ptr<hk::Request> current;
+    std::mutex shutMutex;
+};
+
+struct InfoFile : OpenFile {
+    InfoFile() : OpenFile(Kind::Info) {}
+    std::string text;
+};
+
+struct PinOpenFile : OpenFile {
+    PinOpenFile(Kind k, std::unique_ptr<PinFile> p) : OpenFile(k), pin(std::move(p)) {}
+    ~PinOpenFile() override { shut(); }
+    void shut() override
+    {
+        std::lock_guard<std::mutex> lock(shutMutex);
+        if (pin) {
+            pin->close();
+            pin.reset();
+        }
+    }
+    std::unique_ptr<PinFile> pin;
+    std::mutex shutMutex;
+};
+
+// ------------------------------------------------------------------ the daemon
+struct State {
+    ProcessTable processes;
+    NodeTable nodes;
+    std::mutex filesMutex;
+    std::set<OpenFile *> files;
+    std::time_t started = std::time(nullptr);
+    uid_t uid = getuid();
+    gid_t gid = getgid();
+};
+
+State *gState = nullptr;
+
+void addFile(OpenFile *f)
+{
+    std::lock_guard<std::mutex> lock(gState->filesMutex);
+    gState->files.insert(f);
+}
+
+// Unlinks the file from the daemon's set; false when shutdown already took it.
+bool removeFile(OpenFile *f)
+{
+    std::lock_guard<std::mutex> lock(gState->filesMutex);
+    return gState->files.erase(f) != 0;
+}
+
+OwnerFile *ownerOf(const std::u16string &referenceString, std::shared_ptr<hk::Process> *process, hk::Handle *handle)
+{
+    std::lock_guard<std::mutex> lock(gState->filesMutex);
+    for (OpenFile *f : gState->files) {
+        if (f->kind == Kind::Control) {
+            auto *o = static_cast<OwnerFile *>(f);
+            if (o->referenceString == referenceString && o->process) {
+                *process = o->process;
+                *handle = o->handle;
+                return o;
+            }
+        }
+    }
+    return nullptr;
+}
+
+void fillAttr(Kind kind, fuse_ino_t ino, struct stat *st)
+{
+    std::memset(st, 0, sizeof *st);
+    st->st_ino = ino;
+    st->st_uid = gState->uid;
+    st->st_gid = gState->gid;
+    st->st_atime = st->st_mtime = st->st_ctime = gState->started;
+    switch (kind) {
+    case Kind::Root:
+    case Kind::PortsDir:
+    case Kind::PortDir:
+        st->st_mode = S_IFDIR | 0555;
+        st->st_nlink = 2;
+        break;
+    case Kind::Control:
+        st->st_mode = S_IFREG | 0666;
+        st->st_nlink = 1;
+        break;
+    case Kind::Out:
+        st->st_mode = S_IFREG | 0222;
+        st->st_nlink = 1;
+        break;
+    case Kind::In:
+    case Kind::Info:
+        st->st_mode = S_IFREG | 0444;
+        st->st_nlink = 1;
+        break;
+    }
+}
+
+bool portHas(const PortView &p, Kind kind)
+{
+    return kind == Kind::Info || (kind == Kind::Out && !p.renderLink.empty()) ||
+           (kind == Kind::In && !p.captureLink.empty());
+}
+
+void replyEntry(fuse_req_t req, Kind kind, fuse_ino_t ino)
+{
+    fuse_entry_param e{};
+    e.ino = ino;
+    // Ports come and go under the kernel's feet: nothing is cached.
+    e.attr_timeout = 0;
+    e.entry_timeout = 0;
+    fillAttr(kind, ino, &e.attr);
+    if (fuse_reply_entry(req, &e) != 0 && kind != Kind::Root && kind != Kind::PortsDir) {
+        gState->nodes.forget(ino, 1); // the kernel never got the number
+    }
+}
+
+void opLookup(fuse_req_t req, fuse_ino_t parent, const char *name)
+{
+    NodeTable::Node node;
+    if (!gState->nodes.get(parent, &node)) {
+        fuse_reply_err(req, ENOENT);
+        return;
+    }
+    std::string n = name;
+    switch (node.kind) {
+    case Kind::Root:
+        if (n == AMBREL_PORTS_DIR) {
+            replyEntry(req, Kind::PortsDir, kPortsIno);
+        } else {
+            replyEntry(req, Kind::Control, gState->nodes.ref(Kind::Control, n));
+        }
+        return;
+    case Kind::PortsDir: {
+        PortView p;
+        if (!findPortByDirName(n, &p)) {
+            fuse_reply_err(req, ENOENT);
+            return;
+        }
+        replyEntry(req, Kind::PortDir, gState->nodes.ref(Kind::PortDir, n));
+        return;
+    }
+    case Kind::PortDir: {
+        PortView p;
+        Kind kind = n == AMBREL_OUT_FILE ? Kind::Out : n == AMBREL_IN_FILE ? Kind::In : Kind::Info;
+        if ((kind == Kind::Info && n != AMBREL_INFO_FILE) || !findPortByDirName(node.key, &p) || !portHas(p, kind)) {
+            fuse_reply_err(req, ENOENT);
+            return;
+        }
+        replyEntry(req, kind, gState->nodes.ref(kind, node.key));
+        return;
+    }
+    default:
+        fuse_reply_err(req, ENOTDIR);
+    }
+}
+
+void opForget(fuse_req_t req, fuse_ino_t ino, uint64_t nlookup)
+{
+    gState->nodes.forget(ino, nlookup);
+    fuse_reply_none(req);
+}
+
+void opForgetMulti(fuse_req_t req, size_t count, struct fuse_forget_data *forgets)
+{
+    for (size_t i = 0; i < count; ++i) {
+        gState->nodes.forget(forgets[i].ino, forgets[i].nlookup);
+    }
+    fuse_reply_none(req);
+}
+
+// A port node whose port is gone answers ENOENT.
+bool nodeLive(const NodeTable::Node &node)
+{
+    if (node.kind != Kind::PortDir && node.kind != Kind::Out && node.kind != Kind::In && node.kind != Kind::Info) {
+        return true;
+    }
+    PortView p;
+    return findPortByDirName(node.key, &p) && portHas(p, node.kind == Kind::PortDir ? Kind::Info : node.kind);
+}
+
+void opGetattr(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *)
+{
+    NodeTable::Node node;
+    if (!gState->nodes.get(ino, &node) || !nodeLive(node)) {
+        fuse_reply_err(req, ENOENT);
+        return;
+    }
+    struct stat st;
+    fillAttr(node.kind, ino, &st);
+    fuse_reply_attr(req, &st, 0);
+}
+
+// Truncation (O_TRUNC from shells' ">") means nothing to a port: accepted.
+void opSetattr(fuse_req_t req, fuse_ino_t ino, struct stat *, int, struct fuse_file_info *fi)
+{
+    opGetattr(req, ino, fi);
+}
+
+void opOpendir(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi)
+{
+    NodeTable::Node node;
+    if (!gState->nodes.get(ino, &node) || !nodeLive(node)) {
+        fuse_reply_err(req, ENOENT);
+        return;
+    }
+    if (node.kind != Kind::Root && node.kind != Kind::PortsDir && node.kind != Kind::PortDir) {
+        fuse_reply_err(req, ENOTDIR);
+        return;
+    }
+    fuse_reply_open(req, fi);
+}
+
+void opReaddir(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, struct fuse_file_info *)
+{
+    NodeTable::Node node;
+    if (!gState->nodes.get(ino, &node)) {
+        fuse_reply_err(req, ENOENT);
+        return;
+    }
+    struct Entry {
+        std::string name;
+        Kind kind;
+        fuse_ino_t ino;
+    };
+    std::vector<Entry> entries{{".", node.kind, ino}, {"..", Kind::Root, kRootIno}};
+    if (node.kind == Kind::Root) {
+        entries.push_back({AMBREL_PORTS_DIR, Kind::PortsDir, kPortsIno});
+    } else if (node.kind == Kind::PortsDir) {
+        for (const PortView &p : listPorts()) {
+            entries.push_back({p.dirName, Kind::PortDir, gState->nodes.peek(Kind::PortDir, p.dirName)});
+        }
+    } else if (node.kind == Kind::PortDir) {
+        PortView p;
+        if (!findPortByDirName(node.key, &p)) {
+            fuse_reply_err(req, ENOENT);
+            return;
+        }
+        for (Kind k : {Kind::Out, Kind::In, Kind::Info}) {
+            if (portHas(p, k)) {
+                const char *n = k == Kind::Out ? AMBREL_OUT_FILE : k == Kind::In ? AMBREL_IN_FILE : AMBREL_INFO_FILE;
+                entries.push_back({n, k, gState->nodes.peek(k, node.key)});
+            }
+        }
+    } else {
+        fuse_reply_err(req, ENOTDIR);
+        return;
+    }
+    std::vector<char> buf(size);
+    size_t used = 0;
+    for (size_t i = size_t(std::max<off_t>(off, 0)); i < entries.size(); ++i) {
+        struct stat st;
+        fillAttr(entries[i].kind, entries[i].ino, &st);
+        size_t need = fuse_add_direntry(req, buf.data() + used, size - used, entries[i].name.c_str(), &st, off_t(i + 1));
+        if (need > size - used) {
+            break;
+        }
+        used += need;
+    }
+    fuse_reply_buf(req, buf.data(), used);
+}
+
+void opReleasedir(fuse_req_t req, fuse_ino_t, struct fuse_file_info *)
+{
+    fuse_reply_err(req, 0);
+}
+
+std::string infoText(const PortView &p)
+{
+    std::ostringstream out;
+    out << "name: " << utf16ToUtf8(p.name) << "\n";
+    out << "reference: " << utf16ToUtf8(p.referenceString) << "\n";
+    std::string direction;
+    if (!p.renderLink.empty()) {
+        direction = "render";
+    }
+    if (!p.captureLink.empty()) {
+        direction += direction.empty() ? "capture" : " capture";
+    }
+    out << "direction: " << direction << "\n";
+    std::u16string nameGuid = nameGuidOf(p.name);
+    out << "name-guid: " << (nameGuid.empty() ? "-" : utf16ToUtf8(nameGuid)) << "\n";
+    out << describeFilter(p);
+    std::shared_ptr<hk::Process> owner;
+    hk::Handle handle = 0;
+    if (ownerOf(p.referenceString, &owner, &handle) != nullptr) {
+        out << "owner: " << owner->id() << "\n";
+        // The owner's own query, made on its handle as the owner.
+        std::uint64_t ids[16] = {};
+        hk::IoResult r = owner->deviceControl(handle, kIoctlProcessIds, nullptr, 0, ids, sizeof ids);
+        out << "processes:";
+        if (NT_SUCCESS(r.status)) {
+            for (size_t i = 0; i < r.information / 8 && i < 16; ++i) {
+                out << " " << ids[i];
+            }
+        }
+        out << "\n";
+    }
+    return out.str();
+}
+
+void replyOpen(fuse_req_t req, struct fuse_file_info *fi, OpenFile *file)
+{
+    fi->fh = reinterpret_cast<uint64_t>(file);
+    fi->direct_io = 1;
+    fi->nonseekable = file->kind != Kind::Info;
+    addFile(file);
+    if (fuse_reply_open(req, fi) != 0) {
+        // The opener went away before the answer (interrupted open): no
+        // release will come for this file.
+        if (removeFile(file)) {
+            file->shut();
+            delete file;
+        }
+    }
+}
+
+void openControl(fuse_req_t req, const std::string &fileName, struct fuse_file_info *fi)
+{
+    std::u16string name16;
+    if (!utf8ToUtf16(fileName, &name16)) {
+        fuse_reply_err(req, EINVAL);
+        return;
+    }
+    const fuse_ctx *ctx = fuse_req_ctx(req);
+    if (ctx->pid <= 0) {
+        fuse_reply_err(req, EPERM);
+        return;
+    }
+    int mode = fi->flags & O_ACCMODE;
+    ACCESS_MASK access = mode == O_RDONLY ? FILE_GENERIC_READ
+                         : mode == O_WRONLY ? FILE_GENERIC_WRITE
+                                            : FILE_GENERIC_READ | FILE_GENERIC_WRITE;
+    auto file = std::make_unique<OwnerFile>();
+    file->process = gState->processes.get(std::uint64_t(ctx->pid));
+    NTSTATUS status = file->process->open(kControlLink + u"\\" + name16, access, &file->handle);
+    if (!NT_SUCCESS(status)) {
+        file->process.reset();
+        fuse_reply_err(req, errnoFromStatus(status));
+        return;
+    }
+    file->canRead = mode != O_WRONLY;
+    file->canWrite = mode != O_RDONLY;
+    // The handle's port record lives as long as the handle: its name and
+    // reference string tie the owner to the port's directory.
+    PFILE_OBJECT fo = file->process->fileObject(file->handle);
+    if (fo != nullptr && fo->FsContext != nullptr) {
+        const auto *port = static_cast<const MidiPort *>(fo->FsContext);
+        file->name = reinterpret_cast<const char16_t *>(port->Name);
+        file->referenceString = reinterpret_cast<const char16_t *>(port->ReferenceString);
+    }
+    file->start();
+    replyOpen(req, fi, file.release());
+}
+
+void opOpen(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi)
+{
+    NodeTable::Node node;
+    if (!gState->nodes.get(ino, &node)) {
+        fuse_reply_err(req, ENOENT);
+        return;
+    }
+    switch (node.kind) {
+    case Kind::Root:
+    case Kind::PortsDir:
+    case Kind::PortDir:
+        fuse_reply_err(req, EISDIR);
+        return;
+    case Kind::Control:
+        openControl(req, node.key, fi);
+        return;
+    case Kind::Info: {
+        PortView p;
+        if (!findPortByDirName(node.key, &p)) {
+            fuse_reply_err(req, ENOENT);
+            return;
+        }
+        if ((fi->flags & O_ACCMODE) != O_RDONLY) {
+            fuse_reply_err(req, EACCES);
+            return;
+        }
+        auto file = std::make_unique<InfoFile>();
+        file->text = infoText(p);
+        replyOpen(req, fi, file.release());
+        return;
+    }
+    case Kind::Out:
+    case Kind::In: {
+        PortView p;
+        if (!findPortByDirName(node.key, &p) || !portHas(p, node.kind)) {
+            fuse_reply_err(req, ENOENT);
+            return;
+        }
+        int mode = fi->flags & O_ACCMODE;
+        if ((node.kind == Kind::Out && mode != O_WRONLY) || (node.kind == Kind::In && mode != O_RDONLY)) {
+            fuse_reply_err(req, EACCES);
+            return;
+        }
+        const fuse_ctx *ctx = fuse_req_ctx(req);
+        if (ctx->pid <= 0) {
+            fuse_reply_err(req, EPERM);
+            return;
+        }
+        std::unique_ptr<PinFile> pin;
+        NTSTATUS status = PinFile::open(gState->processes.get(std::uint64_t(ctx->pid)), p, node.kind == Kind::Out,
+                                        &pin);
+        if (!NT_SUCCESS(status)) {
+            fuse_reply_err(req, errnoFromPinStatus(status));
+            return;
+        }
+        replyOpen(req, fi, new PinOpenFile(node.kind, std::move(pin)));
+        return;
+    }
+    }
+}
+
+OpenFile *fileOf(struct fuse_file_info *fi)
+{
+    return reinterpret_cast<OpenFile *>(fi->fh);
+}
+
+void opRead(fuse_req_t req, fuse_ino_t, size_t size, off_t off, struct fuse_file_info *fi)
+{
+    OpenFile *f = fileOf(fi);
+    bool nonBlocking = (fi->flags & O_NONBLOCK) != 0;
+    switch (f->kind) {
+    case Kind::Control: {
+        auto *o = static_cast<OwnerFile *>(f);
+        if (!o->canRead || !o->reader) {
+            fuse_reply_err(req, EBADF);
+            return;
+        }
+        o->reader->read(req, size, nonBlocking);
+        return;
+    }
+    case Kind::Info: {
+        auto *i = static_cast<InfoFile *>(f);
+        if (off < 0 || size_t(off) >= i->text.size()) {
+            fuse_reply_buf(req, nullptr, 0);
+            return;
+        }
+        fuse_reply_buf(req, i->text.data() + off, std::min(size, i->text.size() - size_t(off)));
+        return;
+    }
+    case Kind::In:
+        static_cast<PinOpenFile *>(f)->pin->read(req, size, nonBlocking);
+        return;
+    default:
+        fuse_reply_err(req, EBADF);
+    }
+}
+
+void opWrite(fuse_req_t req, fuse_ino_t, const char *buf, size_t size, off_t, struct fuse_file_info *fi)
+{
+    OpenFile *f = fileOf(fi);
+    if (f->kind == Kind::Control) {
+        auto *o = static_cast<OwnerFile *>(f);
+        if (!o->canWrite) {
+            fuse_reply_err(req, EBADF);
+            return;
+        }
+        if (size > 0xFFFFFFFFu) {
+            fuse_reply_err(req, EMSGSIZE);
+            return;
+        }
+        hk::IoResult r = o->process->write(o->handle, buf, ULONG(size));
+        if (!NT_SUCCESS(r.status)) {
+            fuse_reply_err(req, errnoFromStatus(r.status));
+            return;
+        }
+        // The driver reports 0 bytes for an accepted write: the block went whole.
+        fuse_reply_write(req, size);
+        return;
+    }
+    if (f->kind == Kind::Out) {
+        NTSTATUS status = static_cast<PinOpenFile *>(f)->pin->write(reinterpret_cast<const std::uint8_t *>(buf), size);
+        if (!NT_SUCCESS(status)) {
+            fuse_reply_err(req, errnoFromPinStatus(status));
+            return;
+        }
+        fuse_reply_write(req, size);
+        return;
+    }
+    fuse_reply_err(req, EBADF);
+}
+
+void opIoctl(fuse_req_t req, fuse_ino_t, unsigned int cmd, void *, struct fuse_file_info *fi, unsigned flags,
+             const void *inBuf, size_t inSize, size_t outSize)
+{
+    OpenFile *f = fileOf(fi);
+    if (f->kind != Kind::Control || (flags & FUSE_IOCTL_DIR) != 0) {
+        fuse_reply_err(req, ENOTTY);
+        return;
+    }
+    auto *o = static_cast<OwnerFile *>(f);
+    if (cmd == AMBREL_IOC_PROCESS_IDS) {
+        std::uint64_t ids[16] = {};
+        hk::IoResult r = o->process->deviceControl(o->handle, kIoctlProcessIds, nullptr, 0, ids, sizeof ids);
+        if (!NT_SUCCESS(r.status)) {
+            fuse_reply_err(req, errnoFromStatus(r.status));
+            return;
+        }
+        struct ambrel_process_ids reply = {};
+        reply.count = std::min<std::uint64_t>(r.information / 8, 16);
+        std::memcpy(reply.ids, ids, reply.count * 8);
+        fuse_reply_ioctl(req, 0, &reply, std::min(outSize, sizeof reply));
+        return;
+    }
+    // Any other code goes to the driver as it is, with the buffers its
+    // encoding describes; the driver decides (unknown codes: ENOTTY).
+    std::vector<std::uint8_t> out(outSize);
+    hk::IoResult r = o->process->deviceControl(o->handle, cmd, inBuf, ULONG(inSize), out.data(), ULONG(outSize));
+    if (!NT_SUCCESS(r.status)) {
+        fuse_reply_err(req, errnoFromStatus(r.status));
+        return;
+    }
+    fuse_reply_ioctl(req, 0, out.data(), std::min<size_t>(outSize, r.information));
+}
+
+void opPoll(fuse_req_t req, fuse_ino_t, struct fuse_file_info *fi, struct fuse_pollhandle *ph)
+{
+    OpenFile *f = fileOf(fi);
+    unsigned revents = 0;
+    if (f->kind == Kind::Control) {
+        auto *o = static_cast<OwnerFile *>(f);
+        if (o->canWrite) {
+            revents |= POLLOUT | POLLWRNORM;
+        }
+        if (o->canRead && o->reader) {
+            revents |= o->reader->poll(ph);
+            ph = nullptr;
+        }
+    } else if (f->kind == Kind::In) {
+        revents |= static_cast<PinOpenFile *>(f)->pin->poll(ph);
+        ph = nullptr;
+    } else if (f->kind == Kind::Out) {
+        revents |= POLLOUT | POLLWRNORM;
+    } else {
+        revents |= POLLIN | POLLRDNORM;
+    }
+    if (ph != nullptr) {
+        fuse_pollhandle_destroy(ph);
+    }
+    fuse_reply_poll(req, revents);
+}
+
+void opFlush(fuse_req_t req, fuse_ino_t, struct fuse_file_info *)
+{
+    fuse_reply_err(req, 0);
+}
+
+void opRelease(fuse_req_t req, fuse_ino_t, struct fuse_file_info *fi)
+{
+    OpenFile *f = fileOf(fi);
+    if (removeFile(f)) {
+        f->shut();
+        delete f;
+    }
+    fuse_reply_err(req, 0);
+}
+
+void opRefuse(fuse_req_t req)
+{
+    fuse_reply_err(req, EPERM);
+}
+void opCreate(fuse_req_t req, fuse_ino_t, const char *, mode_t, struct fuse_file_info *)
+{
+    opRefuse(req);
+}
+void opMknod(fuse_req_t req, fuse_ino_t, const char *, mode_t, dev_t)
+{
+    opRefuse(req);
+}
+void opMkdir(fuse_req_t req, fuse_ino_t, const char *, mode_t)
+{
+    opRefuse(req);
+}
+void opUnlink(fuse_req_t req, fuse_ino_t, const char *)
+{
+    opRefuse(req);
+}
+void opRename(fuse_req_t req, fuse_ino_t, const char *, fuse_ino_t, const char *, unsigned int)
+{
+    opRefuse(req);
+}
+
+void opInit(void *, struct fuse_conn_info *conn)
+{
+    // A write is one driver request: up to 524288 bytes must arrive whole,
+    // and a larger one must arrive large enough to be refused.
+    conn->max_write = 1u << 20;
+    if ((conn->capable & FUSE_CAP_ATOMIC_O_TRUNC) != 0) {
+        conn->want |= FUSE_CAP_ATOMIC_O_TRUNC;
+    }
+    conn->want &= ~unsigned(FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
+}
+
+// ------------------------------------------------------------------ boot and shutdown
+struct HostSystem {
+    PDRIVER_OBJECT driver = nullptr;
+    std::shared_ptr<hk::DeviceNode> node;
+
+    NTSTATUS boot(const Config &config)
+    {
+        std::u16string key = hk::serviceKeyPath(kService) + u"\\Configuration";
+        hk::registry::createKey(key);
+        if (config.maxPorts) {
+            hk::registry::setDword(key, u"MaxPorts", *config.maxPorts);
+        }
+        if (config.sysexSize) {
+            hk::registry::setDword(key, u"SysexSize", *config.sysexSize);
+        }
+        NTSTATUS status = STATUS_UNSUCCESSFUL;
+        driver = hk::loadDriver(kService, DriverEntry, &status);
+        if (driver == nullptr) {
+            return status;
+        }
+        node = hk::addRootDevice(driver);
+        if (node == nullptr || !NT_SUCCESS(node->addDeviceStatus())) {
+            status = node ? node->addDeviceStatus() : STATUS_UNSUCCESSFUL;
+            node.reset();
+            hk::unloadDriver(driver);
+            driver = nullptr;
+            return status;
+        }
+        status = node->start();
+        if (!NT_SUCCESS(status)) {
+            node->remove();
+            node.reset();
+            hk::unloadDriver(driver);
+            driver = nullptr;
+        }
+        return status;
+    }
+
+    // Removal withdraws every port (parked reads end with ENODEV); what the
+    // daemon still holds is closed before the driver is unloaded.
+    void removeAdapter()
+    {
+        if (node && !node->removed()) {
+            node->remove();
+        }
+    }
+
+    NTSTATUS unload()
+    {
+        node.reset();
+        hk::drainIo();
+        NTSTATUS status = STATUS_SUCCESS;
+        if (driver != nullptr) {
+            status = hk::unloadDriver(driver);
+            driver = nullptr;
+        }
+        hk::drainIo();
+        return status;
+    }
+};
+
+std::string trim(const std::string &s)
+{
+    size_t b = s.find_first_not_of(" \t\r");
+    size_t e = s.find_last_not_of(" \t\r");
+    return b == std::string::npos ? "" : s.substr(b, e - b + 1);
+}
+
+bool parseU32(const std::string &text, std::uint32_t *out)
+{
+    if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos) {
+        return false;
+    }
+    unsigned long long v = std::stoull(text);
+    if (v > 0xFFFFFFFFull) {
+        return false;
+    }
+    *out = std::uint32_t(v);
+    return true;
+}
+
+} // namespace
+
+bool readConfigFile(const std::string &path, Config *config, std::string *error)
+{
+    std::ifstream in(path);
+    if (!in) {
+        *error = "cannot read " + path;
+        return false;
+    }
+    std::string line;
+    int number = 0;
+    while (std::getline(in, line)) {
+        ++number;
+        size_t hash = line.find('#');
+        if (hash != std::string::npos) {
+            line.resize(hash);
+        }
+        line = trim(line);
+        if (line.empty()) {
+            continue;
+        }
+        size_t eq = line.find('=');
+        std::string where = path + ":" + std::to_string(number) + ": ";
+        if (eq == std::string::npos) {
+            *error = where + "expected key = value";
+            return false;
+        }
+        std::string key = trim(line.substr(0, eq)), value = trim(line.substr(eq + 1));
+        std::uint32_t v = 0;
+        if (key == "mount") {
+            if (value.empty()) {
+                *error = where + "mount needs a directory";
+                return false;
+            }
+            if (config->mount.empty()) {
+                config->mount = value;
+            }
+        } else if (key == "max-ports" || key == "MaxPorts") {
+            if (!parseU32(value, &v)) {
+                *error = where + "max-ports needs a number";
+                return false;
+            }
+            if (!config->maxPorts) {
+                config->maxPorts = v;
+            }
+        } else if (key == "sysex-size" || key == "SysexSize") {
+            if (!parseU32(value, &v)) {
+                *error = where + "sysex-size needs a number";
+                return false;
+            }
+            if (!config->sysexSize) {
+                config->sysexSize = v;
+            }
+        } else if (key == "verbose") {
+            if (value != "true" && value != "false" && value != "1" && value != "0") {
+                *error = where + "verbose is true or false";
+                return false;
+            }
+            config->verbose = config->verbose || value == "true" || value == "1";
+        } else {
+            *error = where + "unknown setting \"" + key + "\"";
+            return false;
+        }
+    }
+    return true;
+}
+
+int run(const Config &config)
+{
+    hk::setLogToStderr(config.verbose);
+    State state;
+    gState = &state;
+
+    struct fuse_lowlevel_ops ops {};
+    ops.init = opInit;
+    ops.lookup = opLookup;
+    ops.forget = opForget;
+    ops.forget_multi = opForgetMulti;
+    ops.getattr = opGetattr;
+    ops.setattr = opSetattr;
+    ops.opendir = opOpendir;
+    ops.readdir = opReaddir;
+    ops.releasedir = opReleasedir;
+    ops.open = opOpen;
+    ops.read = opRead;
+    ops.write = opWrite;
+    ops.ioctl = opIoctl;
+    ops.poll = opPoll;
+    ops.flush = opFlush;
+    ops.release = opRelease;
+    ops.create = opCreate;
+    ops.mknod = opMknod;
+    ops.mkdir = opMkdir;
+    ops.unlink = opUnlink;
+    ops.rmdir = opUnlink;
+    ops.rename = opRename;
+
+    std::vector<std::string> argStorage{"ambreld", "-o", "fsname=ambrel,subtype=ambrel"};
+    if (geteuid() == 0) {
+        // Ports are for every user of the machine, as on Windows.
+        argStorage.back() += ",allow_other";
+    }
+    if (config.debugFuse) {
+        argStorage.push_back("-d");
+    }
+    std::vector<char *> argv;
+    for (std::string &a : argStorage) {
+        argv.push_back(a.data());
+    }
+    struct fuse_args args = FUSE_ARGS_INIT(int(argv.size()), argv.data());
+
+    HostSystem system;
+    NTSTATUS status = system.boot(config);
+    if (!NT_SUCCESS(status)) {
+        std::fprintf(stderr, "ambreld: the driver did not start (status 0x%08X)\n", unsigned(status));
+        gState = nullptr;
+        return 1;
+    }
+
+    int rc = 1;
+    struct fuse_session *se = fuse_session_new(&args, &ops, sizeof ops, nullptr);
+    if (se == nullptr) {
+        std::fprintf(stderr, "ambreld: cannot start a FUSE session\n");
+    } else {
+        if (fuse_set_signal_handlers(se) != 0) {
+            std::fprintf(stderr, "ambreld: cannot install signal handlers\n");
+        } else {
+            if (fuse_session_mount(se, config.mount.c_str()) != 0) {
+                std::fprintf(stderr, "ambreld: cannot mount on %s (is /dev/fuse there, and are you root?)\n",
+                             config.mount.c_str());
+            } else {
+                std::fprintf(stderr, "ambreld: serving Ambrel on %s\n", config.mount.c_str());
+                if (fuse_daemonize(config.foreground ? 1 : 0) == 0) {
+                    struct fuse_loop_config *loop = fuse_loop_cfg_create();
+                    fuse_loop_cfg_set_max_threads(loop, 64);
+                    fuse_loop_cfg_set_idle_threads(loop, 8);
+                    rc = fuse_session_loop_mt(se, loop) == 0 ? 0 : 1;
+                    fuse_loop_cfg_destroy(loop);
+                }
+                // Every port is withdrawn before the mount goes: removal
+                // first (waiting reads end), then every file the kernel still
+                // has open here is closed in the host kernel.
+                system.removeAdapter();
+                std::vector<OpenFile *> left;
+                {
+                    std::lock_guard<std::mutex> lock(state.filesMutex);
+                    left.assign(state.files.begin(), state.files.end());
+                    state.files.clear();
+                }
+                for (OpenFile *f : left) {
+                    f->shut();
+                    delete f;
+                }
+                fuse_session_unmount(se);
+                std::fprintf(stderr, "ambreld: unmounted %s\n", config.mount.c_str());
+            }
+            fuse_remove_signal_handlers(se);
+        }
+        fuse_session_destroy(se);
+    }
+    fuse_opt_free_args(&args);
+    system.removeAdapter();
+    status = system.unload();
+    if (!NT_SUCCESS(status)) {
+        std::fprintf(stderr, "ambreld: the driver did not unload (status 0x%08X)\n", unsigned(status));
+        rc = 1;
+    }
+    // The daemon checks itself as the tests check the driver: anything the
+    // host kernel still holds now is a leak and stops the process.
+    hk::verifyIoQuiescent();
+    hk::verifyQuiescent();
+    gState = nullptr;
+    return rc;
+}
+
+} // namespace ambreld
