@@ -12,6 +12,4 @@
 #include "hk/rtl.h"
 #include "hk/punknown.h"
 #include "hk/io.h"
-#if __has_include("hk/portcls.h")
 #include "hk/portcls.h"
-#endif

@@ -12,6 +12,7 @@
 
 #include "hostkernel/executive.h"
 #include "hostkernel/io.h"
+#include "hostkernel/portcls.h"
 
 namespace {
 
@@ -24,6 +25,7 @@ public:
         // Deferred closes and queued DPCs still release pool and locks;
         // the I/O manager reports (and stops) on its own rules.
         hostkernel::verifyIoQuiescent();
+        hostkernel::verifyPortclsQuiescent();
         std::vector<std::string> problems = hostkernel::quiescenceProblems();
         for (const std::string &problem : problems) {
             ADD_FAILURE() << "*** HOST VERIFIER: " << problem;
@@ -32,6 +34,7 @@ public:
             hostkernel::forgetFailedTestState();
         }
         hostkernel::resetIoState();
+        hostkernel::resetPortclsState();
         hostkernel::resetBetweenTests();
     }
 };

@@ -1,0 +1,211 @@
+// The framework's counted objects: their registry, the quarantine of released
+// ones, the settings tests may change, and the end-of-test check.
+#include <cstdio>
+
+#include "internal.h"
+
+namespace hostkernel::detail::pc {
+
+namespace {
+
+struct Registry {
+    std::mutex mutex;
+    std::set<Object *> live;
+    std::vector<Object *> quarantine;
+    Settings settings;
+};
+
+Registry &registry()
+{
+    static Registry *r = new Registry; // outlives every object, including static ones
+    return *r;
+}
+
+std::atomic<long> gEvents{0};
+std::atomic<long> gBuffers{0};
+
+} // namespace
+
+Object::Object(const char *kind) : kind_(kind)
+{
+    Registry &r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.live.insert(this);
+}
+
+Object::~Object() = default;
+
+ULONG Object::addRef()
+{
+    if (dead_.load()) {
+        reportViolation(Rule::ObjectDoubleRelease,
+                        std::string("AddRef on a released framework object (") + kind_ + ")");
+    }
+    return ULONG(++refs_);
+}
+
+ULONG Object::release()
+{
+    long count = --refs_;
+    if (count < 0 || dead_.load()) {
+        reportViolation(Rule::ObjectDoubleRelease,
+                        std::string("Release of a framework object whose last reference is gone (") + kind_ + ")");
+    }
+    if (count > 0) {
+        return ULONG(count);
+    }
+    finalRelease();
+    dead_ = true;
+    Registry &r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.live.erase(this);
+    r.quarantine.push_back(this);
+    return 0;
+}
+
+void freeQuarantine()
+{
+    std::vector<Object *> dead;
+    {
+        Registry &r = registry();
+        std::lock_guard<std::mutex> lock(r.mutex);
+        dead.swap(r.quarantine);
+    }
+    for (Object *object : dead) {
+        delete object;
+    }
+}
+
+size_t liveObjectCount()
+{
+    Registry &r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    return r.live.size();
+}
+
+std::vector<std::string> liveObjectDescriptions()
+{
+    Registry &r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    std::vector<std::string> out;
+    for (Object *object : r.live) {
+        out.push_back(std::string(object->kind()) + " (" + std::to_string(object->count()) + ")");
+    }
+    return out;
+}
+
+Settings settings()
+{
+    Registry &r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    return r.settings;
+}
+
+void countEvents(long delta) { gEvents += delta; }
+void countBuffers(long delta) { gBuffers += delta; }
+
+std::string guidText(const GUID &g)
+{
+    char text[40];
+    snprintf(text, sizeof(text), "{%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}", g.Data1, g.Data2, g.Data3,
+             g.Data4[0], g.Data4[1], g.Data4[2], g.Data4[3], g.Data4[4], g.Data4[5], g.Data4[6], g.Data4[7]);
+    return text;
+}
+
+std::string narrowText(std::u16string_view s)
+{
+    std::string out;
+    for (char16_t c : s) {
+        out.push_back(c >= 0x20 && c < 0x7F ? char(c) : '?');
+    }
+    return out;
+}
+
+bool equalNoCase(std::u16string_view a, std::u16string_view b)
+{
+    if (a.size() != b.size()) {
+        return false;
+    }
+    for (size_t i = 0; i < a.size(); i++) {
+        char16_t x = a[i] >= u'a' && a[i] <= u'z' ? char16_t(a[i] - 32) : a[i];
+        char16_t y = b[i] >= u'a' && b[i] <= u'z' ? char16_t(b[i] - 32) : b[i];
+        if (x != y) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace hostkernel::detail::pc
+
+namespace hostkernel {
+
+using namespace detail::pc;
+
+PortclsStats portclsStats()
+{
+    PortclsStats s;
+    s.liveObjects = liveObjectCount();
+    s.outstandingEvents = size_t(gEvents.load());
+    s.outstandingBuffers = size_t(gBuffers.load());
+    s.openFilters = openFilterCount();
+    s.openPins = openPinCount();
+    // Each registration holds one reference on its port; the adapters know them.
+    s.registeredSubdevices = registeredSubdeviceCount();
+    return s;
+}
+
+std::vector<std::string> portclsLiveObjects() { return liveObjectDescriptions(); }
+
+void setDmusLargeBufferSize(USHORT bytes)
+{
+    Registry &r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.settings.largeBufferSize = bytes;
+}
+
+void setDmusEventLimit(size_t events)
+{
+    Registry &r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.settings.eventLimit = events;
+}
+
+void setCaptureQueueLimit(size_t bytes)
+{
+    Registry &r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.settings.captureQueueLimit = bytes;
+}
+
+void verifyPortclsQuiescent()
+{
+    drainIo();
+    std::vector<std::string> problems;
+    for (const std::string &object : liveObjectDescriptions()) {
+        problems.push_back("framework object " + object + " never released");
+    }
+    if (long events = gEvents.load(); events != 0) {
+        problems.push_back(std::to_string(events) + " DMus event(s) never given back to their allocator");
+    }
+    if (long buffers = gBuffers.load(); buffers != 0) {
+        problems.push_back(std::to_string(buffers) + " DMus large buffer(s) never given back to their allocator");
+    }
+    if (!problems.empty()) {
+        std::string text;
+        for (const auto &p : problems) {
+            text += (text.empty() ? "" : "; ") + p;
+        }
+        reportViolation(Rule::ObjectReferenceLeak, text);
+    }
+}
+
+void resetPortclsState()
+{
+    freeQuarantine();
+    Registry &r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.settings = Settings{};
+}
+
+} // namespace hostkernel
