@@ -99,7 +99,9 @@ TEST(PortTable, LogsEveryStepOfAddAndRemove)
     t.removeIndex(0);
     t.removeIndex(2);
     char found[64];
-    std::snprintf(found, sizeof(found), "RemovePortByPtr: %p", static_cast<void *>(p));
+    // The kernel prints %p as 16 upper-case hex digits, not as the C library does.
+    std::snprintf(found, sizeof(found), "RemovePortByPtr: %016llX",
+                  static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(p)));
     EXPECT_EQ((std::vector<std::string>{
                   A + "AddPortByName", A + "AddPortByIndex: 0", A + "AddPortByIndex +++++ succeeded",
                   A + "AddPortByName +++++ succeeded: 0",
