@@ -106,13 +106,21 @@ TEST(MiniportConcurrency, CaptureWritesReachEveryStreamWholeInOneOrder)
 
 TEST(MiniportConcurrency, CloseRacingNameAndCapsRequestsNeverReadsTheRecord)
 {
-    PortHarness h(u"A port whose name is read while it closes");
+    const std::u16string name = u"A port whose name is read while it closes";
+    PortHarness h(name.c_str());
+    ReadDriver driver(h.miniport);
     std::atomic<bool> closed{false};
     std::atomic<int> detachedAnswers{0};
-    std::thread hammer([&] {
+    auto hammer = [&](bool caps) {
         std::vector<uint8_t> value(296);
         int afterClose = 0;
         for (int i = 0; !closed || ++afterClose < 100; i++) {
+            if (!caps) {
+                // The pin name stays the port's name, before and after.
+                ASSERT_EQ(driver.pinName(value.data(), (ULONG)value.size()).status, STATUS_SUCCESS);
+                ASSERT_EQ(toU16(reinterpret_cast<WCHAR *>(value.data())), name);
+                continue;
+            }
             PCPROPERTY_REQUEST r;
             memset(&r, 0, sizeof(r));
             r.MajorTarget = h.unknown;
@@ -127,13 +135,15 @@ TEST(MiniportConcurrency, CloseRacingNameAndCapsRequestsNeverReadsTheRecord)
             if (text == side) {
                 detachedAnswers++;
             } else {
-                ASSERT_EQ(text, side + u": A port whose name is read while it closes");
+                ASSERT_EQ(text, side + u": " + name);
             }
         }
-    });
+    };
+    std::thread capsThread(hammer, true), nameThread(hammer, false);
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
     h.detach();  // the close: record detached, then freed
     closed = true;
-    hammer.join();
+    capsThread.join();
+    nameThread.join();
     EXPECT_GT(detachedAnswers.load(), 0);
 }
