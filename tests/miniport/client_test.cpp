@@ -1,0 +1,180 @@
+// The port as MIDI clients see it: the whole driver booted in the host
+// kernel, an application that opens a port, and clients that reach it
+// through kernel streaming (filter, pins, properties, MIDI in and out).
+#include "tests/adapter/adapter_fixture.h"
+
+#include <hostkernel/midiclient.h>
+
+#include "miniport/amminiport.h"
+
+using namespace adaptertest;
+namespace midi = hostkernel::midi;
+using Bytes = std::vector<uint8_t>;
+using namespace std::chrono_literals;
+
+namespace {
+
+class ClientView : public DriverFixture {
+protected:
+    void SetUp() override { boot(); }
+
+    // The application opens `suffix`; a client of another process opens the
+    // port's filter.
+    std::unique_ptr<midi::Filter> openPortAndFilter(std::u16string_view suffix, std::u16string_view name)
+    {
+        app_ = openPort(process(100), suffix);
+        EXPECT_NE(app_, 0u);
+        std::unique_ptr<midi::Filter> filter;
+        auto port = midi::findPort(name);
+        EXPECT_TRUE(port.has_value());
+        if (port) {
+            EXPECT_EQ(midi::Filter::open(process(200), port->path, &filter), STATUS_SUCCESS);
+        }
+        return filter;
+    }
+
+    std::unique_ptr<midi::Pin> runningPin(midi::Filter &filter, ULONG pinId, const GUID &subFormat,
+                                          NTSTATUS *status = nullptr)
+    {
+        std::unique_ptr<midi::Pin> pin;
+        NTSTATUS s = midi::Pin::open(filter, pinId, subFormat, &pin);
+        if (status != nullptr) {
+            *status = s;
+        }
+        if (NT_SUCCESS(s)) {
+            EXPECT_EQ(pin->setState(KSSTATE_RUN), STATUS_SUCCESS);
+        }
+        return pin;
+    }
+
+    hk::Process &app() { return *processes_.front(); }
+    hk::Handle app_ = 0;
+};
+
+const GUID kMidi = {0x1D262760, 0xE957, 0x11CF, {0xA5, 0xD6, 0x28, 0xDB, 0x04, 0xC1, 0x00, 0x00}};
+
+} // namespace
+
+TEST_F(ClientView, FilterNamesAndIdentityOfThePort)
+{
+    auto filter = openPortAndFilter(u"\\Piano\\8176\\{11111111-2222-3333-0102-030405060708}", u"Piano");
+    ASSERT_TRUE(filter);
+    ULONG pins = 0;
+    ASSERT_EQ(filter->pinCount(&pins), STATUS_SUCCESS);
+    EXPECT_EQ(pins, 5u);
+    for (ULONG id = 0; id < pins; id++) {
+        std::u16string name;
+        EXPECT_EQ(filter->pinName(id, &name), STATUS_SUCCESS);
+        EXPECT_EQ(name, u"Piano") << id;
+    }
+    midi::PinDescription capture;
+    ASSERT_EQ(filter->describePin(4, &capture), STATUS_SUCCESS);
+    EXPECT_EQ(capture.dataFlow, KSPIN_DATAFLOW_OUT);
+    EXPECT_EQ(capture.instances.PossibleCount, 8u);
+    EXPECT_EQ(capture.subFormats.size(), 2u);
+
+    SYNTHCAPS caps;
+    ASSERT_EQ(filter->synthCaps(1, &caps), STATUS_SUCCESS);
+    EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t *>(caps.Description)), u"Ambrel In: Piano");
+    KSCOMPONENTID id;
+    ASSERT_EQ(filter->componentId(&id), STATUS_SUCCESS);
+    EXPECT_EQ(id.Manufacturer.Data1, 0x11111111u);
+    EXPECT_EQ(id.Product, DefaultProductGuid);  // not given: the default
+    EXPECT_EQ(id.Version, 1u);
+
+    // The application closes its handle; the client's filter stays usable.
+    ASSERT_EQ(app().close(app_), STATUS_SUCCESS);
+    std::u16string name;
+    EXPECT_EQ(filter->pinName(0, &name), STATUS_SUCCESS);
+    EXPECT_EQ(name, u"Piano");
+    ASSERT_EQ(filter->synthCaps(0, &caps), STATUS_SUCCESS);
+    EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t *>(caps.Description)), u"Ambrel Out");
+}
+
+TEST_F(ClientView, ClientPlaysAndTheApplicationReads)
+{
+    auto filter = openPortAndFilter(u"\\Piano", u"Piano");
+    ASSERT_TRUE(filter);
+    auto pin = runningPin(*filter, 0, kMidi);
+    ASSERT_TRUE(pin);
+
+    // A read parked before the client plays gets the note at once.
+    auto parked = app().readAsync(app_, 16);
+    EXPECT_FALSE(parked->wait(10ms));
+    ASSERT_EQ(pin->send({0x90, 0x3C, 0x40}), STATUS_SUCCESS);
+    ASSERT_TRUE(parked->wait(10s));
+    EXPECT_EQ(parked->status(), STATUS_SUCCESS);
+    EXPECT_EQ(Bytes(parked->output().begin(), parked->output().begin() + parked->information()),
+              (Bytes{0x90, 0x3C, 0x40}));
+
+    // Several messages, one with running status and one torn by a clock byte.
+    ASSERT_EQ(pin->send({{0xB0, 0x07, 0x64}, {0x08, 0x10}, {0xC0, 0xF8, 0x05}}), STATUS_SUCCESS);
+    Bytes got;
+    while (got.size() < 9) {
+        Bytes buffer(64);
+        hk::IoResult r = app().read(app_, buffer.data(), (ULONG)buffer.size());
+        ASSERT_EQ(r.status, STATUS_SUCCESS);
+        got.insert(got.end(), buffer.begin(), buffer.begin() + r.information);
+    }
+    EXPECT_EQ(got, (Bytes{0xB0, 0x07, 0x64, 0xB0, 0x08, 0x10, 0xF8, 0xC0, 0x05}));
+}
+
+TEST_F(ClientView, ApplicationWritesAndEveryRecordingClientReceives)
+{
+    auto filter = openPortAndFilter(u"\\Piano", u"Piano");
+    ASSERT_TRUE(filter);
+    auto first = runningPin(*filter, 4, kMidi);
+    auto second = runningPin(*filter, 4, kMidi);
+    ASSERT_TRUE(first && second);
+
+    Bytes note = {0x90, 0x3C, 0x40}, big(300, 0x11);
+    big.front() = 0xF0;
+    big.back() = 0xF7;
+    for (const Bytes &w : {note, big}) {
+        ASSERT_EQ(app().write(app_, w.data(), (ULONG)w.size()).status, STATUS_SUCCESS);
+    }
+    for (midi::Pin *pin : {first.get(), second.get()}) {
+        Bytes got;
+        while (got.size() < note.size() + big.size()) {
+            std::vector<midi::Message> messages;
+            ASSERT_EQ(pin->receive(&messages, 10s), STATUS_SUCCESS);
+            for (const midi::Message &m : messages) {
+                got.insert(got.end(), m.bytes.begin(), m.bytes.end());
+            }
+        }
+        Bytes expected = note;
+        expected.insert(expected.end(), big.begin(), big.end());
+        EXPECT_EQ(got, expected);
+    }
+}
+
+TEST_F(ClientView, PinInstanceLimits)
+{
+    auto filter = openPortAndFilter(u"\\Piano", u"Piano");
+    ASSERT_TRUE(filter);
+    std::vector<std::unique_ptr<midi::Pin>> capture, render;
+    for (int i = 0; i < 8; i++) {
+        capture.push_back(runningPin(*filter, 4, kMidi));
+        ASSERT_TRUE(capture.back()) << i;
+    }
+    NTSTATUS status = STATUS_SUCCESS;
+    EXPECT_FALSE(runningPin(*filter, 4, kMidi, &status));
+    EXPECT_FALSE(NT_SUCCESS(status));
+
+    // A closed capture pin's place is free again, and still gets data.
+    ASSERT_EQ(capture[3]->close(), STATUS_SUCCESS);
+    capture[3] = runningPin(*filter, 4, kMidi);
+    ASSERT_TRUE(capture[3]);
+    Bytes note = {0x80, 0x3C, 0x00};
+    ASSERT_EQ(app().write(app_, note.data(), 3).status, STATUS_SUCCESS);
+    std::vector<midi::Message> messages;
+    ASSERT_EQ(capture[3]->receive(&messages, 10s), STATUS_SUCCESS);
+    ASSERT_FALSE(messages.empty());
+    EXPECT_EQ(messages[0].bytes, note);
+
+    for (int i = 0; i < 8; i++) {
+        render.push_back(runningPin(*filter, 0, kMidi));
+        ASSERT_TRUE(render.back()) << i;
+    }
+    EXPECT_FALSE(runningPin(*filter, 0, kMidi, &status));
+}
