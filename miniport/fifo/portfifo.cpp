@@ -1,6 +1,6 @@
-// Port FIFO. Each operation moves at most two block copies, one up to the end
-// of the storage and one from its start, so the indices end where a byte loop
-// would leave them.
+// Port FIFO: creation and release. Put and get are inline in the header; each
+// moves at most two block copies, one up to the end of the storage and one
+// from its start, so the indices end where a byte loop would leave them.
 #define AM_LOG_PREFIX AM_LOG_PREFIX_MINIPORT
 #include "common/amcommon.h"
 #include "portfifo.h"
@@ -70,45 +70,8 @@ VOID PortFifo::FifoFree()
     m_FifoMask = 0;
 }
 
-VOID PortFifo::FifoPut(_In_reads_bytes_(count) const UCHAR *bytes, _In_ ULONG count)
+VOID PortFifo::FifoPutRefused(_In_ ULONG count) const
 {
-    if (count > FifoSpace()) {
-        AmAssert(count <= FifoSpace());
-        return;
-    }
-    if (count == 0) {
-        return;
-    }
-
-    ULONG first = m_FifoSize - m_FifoHead;
-    if (first > count) {
-        first = count;
-    }
-    RtlCopyMemory(m_FifoBuffer + m_FifoHead, bytes, first);
-    if (count > first) {
-        RtlCopyMemory(m_FifoBuffer, bytes + first, count - first);
-    }
-    m_FifoHead = (m_FifoHead + count) & m_FifoMask;
-}
-
-ULONG PortFifo::FifoGet(_Out_writes_bytes_(maximum) PUCHAR destination, _In_ ULONG maximum)
-{
-    ULONG n = FifoDepth();
-    if (n > maximum) {
-        n = maximum;
-    }
-    if (n == 0) {
-        return 0;
-    }
-
-    ULONG first = m_FifoSize - m_FifoTail;
-    if (first > n) {
-        first = n;
-    }
-    RtlCopyMemory(destination, m_FifoBuffer + m_FifoTail, first);
-    if (n > first) {
-        RtlCopyMemory(destination + first, m_FifoBuffer, n - first);
-    }
-    m_FifoTail = (m_FifoTail + n) & m_FifoMask;
-    return n;
+    AmLog("FifoPut ----- %d bytes do not fit, space %d", (int)count, (int)FifoSpace());
+    AmAssert(count <= FifoSpace());
 }

@@ -44,10 +44,51 @@ struct PortFifo {
     // The caller has checked count <= FifoSpace(): the producer only ever puts
     // whole messages. A put that does not fit is refused whole (and asserted),
     // never cut, since a cut message would reach the application torn.
-    VOID FifoPut(_In_reads_bytes_(count) const UCHAR *bytes, _In_ ULONG count);
+    // Inline, like FifoGet: both run for every message and every read.
+    VOID FifoPut(_In_reads_bytes_(count) const UCHAR *bytes, _In_ ULONG count)
+    {
+        if (count > FifoSpace()) {
+            FifoPutRefused(count);
+            return;
+        }
+        if (count == 0) {
+            return;
+        }
+        ULONG first = m_FifoSize - m_FifoHead;
+        if (first > count) {
+            first = count;
+        }
+        RtlCopyMemory(m_FifoBuffer + m_FifoHead, bytes, first);
+        if (count > first) {
+            RtlCopyMemory(m_FifoBuffer, bytes + first, count - first);
+        }
+        m_FifoHead = (m_FifoHead + count) & m_FifoMask;
+    }
 
     // Moves min(depth, maximum) bytes, oldest first, and returns that count.
-    ULONG FifoGet(_Out_writes_bytes_(maximum) PUCHAR destination, _In_ ULONG maximum);
+    ULONG FifoGet(_Out_writes_bytes_(maximum) PUCHAR destination, _In_ ULONG maximum)
+    {
+        ULONG n = FifoDepth();
+        if (n > maximum) {
+            n = maximum;
+        }
+        if (n == 0) {
+            return 0;
+        }
+        ULONG first = m_FifoSize - m_FifoTail;
+        if (first > n) {
+            first = n;
+        }
+        RtlCopyMemory(destination, m_FifoBuffer + m_FifoTail, first);
+        if (n > first) {
+            RtlCopyMemory(destination + first, m_FifoBuffer, n - first);
+        }
+        m_FifoTail = (m_FifoTail + n) & m_FifoMask;
+        return n;
+    }
+
+    // Logs and asserts a put that breaks the caller's contract.
+    VOID FifoPutRefused(_In_ ULONG count) const;
 };
 
 // The ring size for a System Exclusive size: all bits below the highest set

@@ -108,8 +108,11 @@ TEST(PortFifo, APutThatDoesNotFitIsRefusedWholeAndAsserted)
     ASSERT_EQ(STATUS_SUCCESS, fifo.f.FifoCreate(4)); // 8 bytes, room for 7
     std::vector<UCHAR> big(200, 0xF0);
     fifo.f.FifoPut(big.data(), 5);
+    hostkernel::LogCapture log;
     fifo.f.FifoPut(big.data(), 3);
+    EXPECT_EQ(1u, hostkernel::assertionCount());
     hostkernel::acknowledgeAssertions(1);
+    EXPECT_TRUE(log.contains("Ambrel:Miniport: FifoPut ----- 3 bytes do not fit, space 2"));
     EXPECT_EQ(5u, fifo.f.FifoDepth());
 }
 

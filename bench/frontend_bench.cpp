@@ -1,0 +1,535 @@
+// Note-on messages between two processes, side by side in one run:
+//   Ambrel       ambreld on a temporary mount; a MIDI client plays into the
+//                port's "out" file and the port's owner reads its handle
+//                (render), and the reverse: the owner writes, a client
+//                records from "in" (capture);
+//   JACK MIDI    two clients of a jackd on the dummy backend (48 kHz, a
+//                period of AMBREL_BENCH_JACK_PERIOD frames, 64 by default);
+//   pipe         a plain pipe(2).
+// Latency: one message at a time; the sender stamps CLOCK_MONOTONIC in
+// shared memory before it sends, the receiver stamps on arrival; median and
+// p99 in microseconds (counters). Throughput: bursts of note-ons written one
+// message per write as fast as the transport takes them (items_per_second).
+// Ambrel's rows need root and /dev/fuse, JACK's need jackd: a row whose peer
+// cannot start is skipped with the reason.
+#include <benchmark/benchmark.h>
+
+#include <fcntl.h>
+#include <jack/jack.h>
+#include <jack/midiport.h>
+#include <jack/ringbuffer.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int kLatencyMessages = 2000;
+constexpr int kWarmup = 100;
+constexpr int kBurst = 5000;
+constexpr std::int64_t kWaitLimitNs = 5'000'000'000;
+
+std::int64_t nowNs()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return std::int64_t(ts.tv_sec) * 1'000'000'000 + ts.tv_nsec;
+}
+
+// Shared between the benchmark (sender) and its receiver process.
+struct Shared {
+    std::atomic<std::int64_t> sentNs{0};
+    std::atomic<std::uint64_t> received{0};
+    std::atomic<int> ready{0};
+    std::int64_t samples[kWarmup + kLatencyMessages + 16];
+};
+
+Shared *shared()
+{
+    static Shared *s = [] {
+        void *p = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        return new (p) Shared;
+    }();
+    return s;
+}
+
+void resetShared()
+{
+    shared()->sentNs = 0;
+    shared()->received = 0;
+    shared()->ready = 0;
+}
+
+// Called by receivers for each note-on that arrives.
+void arrived()
+{
+    Shared *s = shared();
+    std::uint64_t i = s->received.load(std::memory_order_relaxed);
+    if (i < sizeof s->samples / sizeof s->samples[0]) {
+        s->samples[i] = nowNs() - s->sentNs.load(std::memory_order_acquire);
+    }
+    s->received.store(i + 1, std::memory_order_release);
+}
+
+bool waitFor(const std::atomic<std::uint64_t> &counter, std::uint64_t target)
+{
+    std::int64_t start = nowNs();
+    int spins = 0;
+    while (counter.load(std::memory_order_acquire) < target) {
+        if (++spins > 64) {
+            sched_yield();
+            if (nowNs() - start > kWaitLimitNs) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+bool waitReady()
+{
+    std::int64_t start = nowNs();
+    while (shared()->ready.load() == 0) {
+        if (shared()->ready.load() < 0 || nowNs() - start > kWaitLimitNs) {
+            return false;
+        }
+        usleep(1000);
+    }
+    return shared()->ready.load() > 0;
+}
+
+// Byte-stream receivers (pipe, Ambrel): every 3 bytes is one note-on.
+[[noreturn]] void receiveBytes(int fd)
+{
+    shared()->ready = 1;
+    unsigned char buf[4096];
+    size_t pending = 0;
+    for (;;) {
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n <= 0) {
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            _exit(0);
+        }
+        pending += size_t(n);
+        while (pending >= 3) {
+            pending -= 3;
+            arrived();
+        }
+    }
+}
+
+void stopChild(pid_t child)
+{
+    if (child > 0) {
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
+}
+
+// A transport: a receiver process and a way for this process to send.
+struct Transport {
+    virtual ~Transport() = default;
+    virtual std::string start() = 0; // "" or why it cannot run
+    virtual bool send(const unsigned char *note) = 0;
+    virtual void stop() = 0;
+};
+
+void runLatency(benchmark::State &state, Transport &t)
+{
+    resetShared();
+    std::string why = t.start();
+    if (!why.empty()) {
+        state.SkipWithError(why.c_str());
+        t.stop();
+        return;
+    }
+    const unsigned char note[3] = {0x90, 60, 100};
+    std::uint64_t sent = 0;
+    for (int i = 0; i < kWarmup; ++i) {
+        shared()->sentNs.store(nowNs(), std::memory_order_release);
+        if (!t.send(note) || !waitFor(shared()->received, ++sent)) {
+            state.SkipWithError("warm-up message lost");
+            t.stop();
+            return;
+        }
+    }
+    for (auto _ : state) {
+        shared()->sentNs.store(nowNs(), std::memory_order_release);
+        if (!t.send(note) || !waitFor(shared()->received, ++sent)) {
+            state.SkipWithError("message lost");
+            break;
+        }
+    }
+    t.stop();
+    std::vector<double> us;
+    for (std::uint64_t i = kWarmup; i < sent && i < sizeof shared()->samples / 8; ++i) {
+        us.push_back(double(shared()->samples[i]) / 1000.0);
+    }
+    if (!us.empty()) {
+        std::sort(us.begin(), us.end());
+        state.counters["median_us"] = us[us.size() / 2];
+        state.counters["p99_us"] = us[std::min(us.size() - 1, us.size() * 99 / 100)];
+    }
+}
+
+void runThroughput(benchmark::State &state, Transport &t)
+{
+    resetShared();
+    std::string why = t.start();
+    if (!why.empty()) {
+        state.SkipWithError(why.c_str());
+        t.stop();
+        return;
+    }
+    const unsigned char note[3] = {0x90, 60, 100};
+    std::uint64_t sent = 0;
+    for (auto _ : state) {
+        for (int i = 0; i < kBurst; ++i) {
+            if (!t.send(note)) {
+                state.SkipWithError("send failed");
+                t.stop();
+                return;
+            }
+        }
+        sent += kBurst;
+        if (!waitFor(shared()->received, sent)) {
+            state.SkipWithError("messages lost");
+            break;
+        }
+    }
+    t.stop();
+    state.SetItemsProcessed(std::int64_t(sent));
+}
+
+// ------------------------------------------------------------------ pipe
+struct PipeTransport : Transport {
+    int fds[2] = {-1, -1};
+    pid_t child = -1;
+    std::string start() override
+    {
+        if (pipe(fds) != 0) {
+            return "pipe failed";
+        }
+        child = fork();
+        if (child == 0) {
+            close(fds[1]);
+            receiveBytes(fds[0]);
+        }
+        close(fds[0]);
+        return waitReady() ? "" : "receiver did not start";
+    }
+    bool send(const unsigned char *note) override { return write(fds[1], note, 3) == 3; }
+    void stop() override
+    {
+        close(fds[1]);
+        stopChild(child);
+    }
+};
+
+// ------------------------------------------------------------------ JACK
+// Named after the benchmark process (children inherit the name, not the pid).
+const std::string &jackServerName()
+{
+    static const std::string name = "ambrel-bench-" + std::to_string(getpid());
+    return name;
+}
+
+struct JackSender {
+    jack_client_t *client = nullptr;
+    jack_port_t *port = nullptr;
+    jack_ringbuffer_t *ring = nullptr;
+
+    static int process(jack_nframes_t frames, void *arg)
+    {
+        auto *self = static_cast<JackSender *>(arg);
+        void *buf = jack_port_get_buffer(self->port, frames);
+        jack_midi_clear_buffer(buf);
+        unsigned char note[3];
+        while (jack_ringbuffer_read_space(self->ring) >= 3) {
+            jack_ringbuffer_peek(self->ring, reinterpret_cast<char *>(note), 3);
+            if (jack_midi_event_write(buf, 0, note, 3) != 0) {
+                break; // port buffer full: the rest goes next cycle
+            }
+            jack_ringbuffer_read_advance(self->ring, 3);
+        }
+        return 0;
+    }
+};
+
+int jackReceive(jack_nframes_t frames, void *arg)
+{
+    void *buf = jack_port_get_buffer(static_cast<jack_port_t *>(arg), frames);
+    jack_nframes_t n = jack_midi_get_event_count(buf);
+    for (jack_nframes_t i = 0; i < n; ++i) {
+        arrived();
+    }
+    return 0;
+}
+
+jack_client_t *openJackClient(const char *name)
+{
+    const std::string &server = jackServerName();
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        jack_status_t status;
+        jack_client_t *c = jack_client_open(name, jack_options_t(JackNoStartServer | JackServerName), &status,
+                                            server.c_str());
+        if (c != nullptr) {
+            return c;
+        }
+        usleep(50000);
+    }
+    return nullptr;
+}
+
+struct JackTransport : Transport {
+    pid_t server = -1;
+    pid_t child = -1;
+    JackSender sender;
+
+    std::string start() override
+    {
+        jackServerName();
+        jack_set_error_function([](const char *) {});
+        jack_set_info_function([](const char *) {});
+        const char *periodEnv = std::getenv("AMBREL_BENCH_JACK_PERIOD");
+        std::string period = periodEnv != nullptr ? periodEnv : "64";
+        server = fork();
+        if (server == 0) {
+            int devnull = open("/dev/null", O_WRONLY);
+            dup2(devnull, 1);
+            dup2(devnull, 2);
+            const std::string &name = jackServerName();
+            execlp("jackd", "jackd", "--no-realtime", "-t", "10000", "-n", name.c_str(), "-d", "dummy", "-r", "48000", "-p",
+                   period.c_str(), static_cast<char *>(nullptr));
+            _exit(127);
+        }
+        child = fork();
+        if (child == 0) {
+            jack_client_t *c = openJackClient("recv");
+            if (c == nullptr) {
+                shared()->ready = -1;
+                _exit(1);
+            }
+            jack_port_t *in = jack_port_register(c, "in", JACK_DEFAULT_MIDI_TYPE, JackPortIsInput, 0);
+            jack_set_process_callback(c, jackReceive, in);
+            if (in == nullptr || jack_activate(c) != 0) {
+                shared()->ready = -1;
+                _exit(1);
+            }
+            shared()->ready = 1;
+            for (;;) {
+                pause();
+            }
+        }
+        if (!waitReady()) {
+            return "jackd (dummy backend) did not start";
+        }
+        sender.client = openJackClient("send");
+        if (sender.client == nullptr) {
+            return "cannot connect to jackd";
+        }
+        sender.ring = jack_ringbuffer_create(1 << 20);
+        sender.port = jack_port_register(sender.client, "out", JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput, 0);
+        jack_set_process_callback(sender.client, JackSender::process, &sender);
+        if (sender.port == nullptr || jack_activate(sender.client) != 0) {
+            return "cannot activate the sending client";
+        }
+        std::string from = std::string(jack_get_client_name(sender.client)) + ":out";
+        if (jack_connect(sender.client, from.c_str(), "recv:in") != 0) {
+            return "cannot connect the clients";
+        }
+        // Events sent before the graph carries the connection are dropped:
+        // probe until one arrives, then start counting afresh.
+        const unsigned char probe[3] = {0x90, 0, 1};
+        std::int64_t begin = nowNs();
+        while (shared()->received.load() == 0) {
+            send(probe);
+            usleep(20000);
+            if (nowNs() - begin > kWaitLimitNs) {
+                return "the connection carries nothing";
+            }
+        }
+        usleep(20000);
+        shared()->received = 0;
+        return "";
+    }
+    bool send(const unsigned char *note) override
+    {
+        while (jack_ringbuffer_write_space(sender.ring) < 3) {
+            sched_yield();
+        }
+        return jack_ringbuffer_write(sender.ring, reinterpret_cast<const char *>(note), 3) == 3;
+    }
+    void stop() override
+    {
+        if (sender.client != nullptr) {
+            jack_deactivate(sender.client);
+            jack_client_close(sender.client);
+            sender.client = nullptr;
+        }
+        if (sender.ring != nullptr) {
+            jack_ringbuffer_free(sender.ring);
+            sender.ring = nullptr;
+        }
+        stopChild(child);
+        if (server > 0) {
+            kill(server, SIGTERM);
+            waitpid(server, nullptr, 0);
+        }
+    }
+};
+
+// ------------------------------------------------------------------ Ambrel
+struct AmbrelTransport : Transport {
+    explicit AmbrelTransport(bool render) : render_(render) {}
+    bool render_;
+    pid_t daemon = -1;
+    pid_t child = -1;
+    int fd = -1;
+    char mount[64] = "/tmp/ambrel-bench-XXXXXX";
+
+    std::string start() override
+    {
+        if (geteuid() != 0 || access("/dev/fuse", R_OK | W_OK) != 0) {
+            return "needs root and /dev/fuse";
+        }
+        if (mkdtemp(mount) == nullptr) {
+            return "mkdtemp failed";
+        }
+        daemon = fork();
+        if (daemon == 0) {
+            int devnull = open("/dev/null", O_WRONLY);
+            dup2(devnull, 1);
+            dup2(devnull, 2);
+            execl(AMBRELD_PATH, "ambreld", "-f", mount, static_cast<char *>(nullptr));
+            _exit(127);
+        }
+        std::string ports = std::string(mount) + "/ports";
+        std::int64_t begin = nowNs();
+        struct stat st;
+        while (stat(ports.c_str(), &st) != 0) {
+            if (nowNs() - begin > kWaitLimitNs) {
+                return "ambreld did not mount";
+            }
+            usleep(2000);
+        }
+        std::string control = std::string(mount) + "/Bench";
+        std::string dir = std::string(mount) + "/ports/Bench/";
+        child = fork();
+        if (child == 0) {
+            // Render: this child owns the port and reads what is played to
+            // it. Capture: it records from the port's "in" file.
+            int rfd;
+            if (render_) {
+                rfd = open(control.c_str(), O_RDONLY);
+            } else {
+                begin = nowNs();
+                while (stat((dir + "in").c_str(), &st) != 0 && nowNs() - begin < kWaitLimitNs) {
+                    usleep(1000);
+                }
+                rfd = open((dir + "in").c_str(), O_RDONLY);
+            }
+            if (rfd < 0) {
+                shared()->ready = -1;
+                _exit(1);
+            }
+            receiveBytes(rfd);
+        }
+        if (render_) {
+            if (!waitReady()) {
+                return "the port's owner did not start";
+            }
+            fd = open((dir + "out").c_str(), O_WRONLY);
+        } else {
+            fd = open(control.c_str(), O_WRONLY);
+            if (fd >= 0 && !waitReady()) {
+                return "the recording client did not start";
+            }
+        }
+        return fd < 0 ? std::string("cannot open the port: ") + std::strerror(errno) : "";
+    }
+    bool send(const unsigned char *note) override { return write(fd, note, 3) == 3; }
+    void stop() override
+    {
+        stopChild(child);
+        if (fd >= 0) {
+            close(fd);
+            fd = -1;
+        }
+        if (daemon > 0) {
+            kill(daemon, SIGTERM);
+            waitpid(daemon, nullptr, 0);
+        }
+        rmdir(mount);
+    }
+};
+
+void BM_Latency_Ambrel_Render(benchmark::State &state)
+{
+    AmbrelTransport t(true);
+    runLatency(state, t);
+}
+void BM_Latency_Ambrel_Capture(benchmark::State &state)
+{
+    AmbrelTransport t(false);
+    runLatency(state, t);
+}
+void BM_Latency_Jack(benchmark::State &state)
+{
+    JackTransport t;
+    runLatency(state, t);
+}
+void BM_Latency_Pipe(benchmark::State &state)
+{
+    PipeTransport t;
+    runLatency(state, t);
+}
+void BM_Throughput_Ambrel_Render(benchmark::State &state)
+{
+    AmbrelTransport t(true);
+    runThroughput(state, t);
+}
+void BM_Throughput_Ambrel_Capture(benchmark::State &state)
+{
+    AmbrelTransport t(false);
+    runThroughput(state, t);
+}
+void BM_Throughput_Jack(benchmark::State &state)
+{
+    JackTransport t;
+    runThroughput(state, t);
+}
+void BM_Throughput_Pipe(benchmark::State &state)
+{
+    PipeTransport t;
+    runThroughput(state, t);
+}
+
+BENCHMARK(BM_Latency_Ambrel_Render)->Iterations(kLatencyMessages)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Latency_Ambrel_Capture)->Iterations(kLatencyMessages)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Latency_Jack)->Iterations(kLatencyMessages)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Latency_Pipe)->Iterations(kLatencyMessages)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Throughput_Ambrel_Render)->Iterations(4)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Throughput_Ambrel_Capture)->Iterations(4)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Throughput_Jack)->Iterations(4)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Throughput_Pipe)->Iterations(4)->Unit(benchmark::kMillisecond);
+
+} // namespace
+
+BENCHMARK_MAIN();
