@@ -152,16 +152,20 @@ VOID am_add_process_id(_In_z_ PCWSTR relatedFileName, _In_ PFILE_OBJECT fileObje
     }
     PortTable *table = (PortTable *)control->DeviceExtension;
 
+    // Wide strings may be printed at PASSIVE_LEVEL only: what the messages
+    // need is noted under the lock and logged after it is released.
+    LONG foundEntry = -1;
+    LONG foundSlot = -1;
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&table->Lock);
     for (ULONG i = 0; i < table->PortCount; i++) {
         MidiPort *port = table->Ports[i];
         if (port == NULL || !NameEndsInComponent(relatedFileName, port->ReferenceString)) {
             continue;
         }
-        AmLog("am_add_process_id (%ls) found entry: %d", relatedFileName, i);
+        foundEntry = (LONG)i;
         for (ULONG s = 0; s < AM_PORT_PROCESS_SLOTS; s++) {
             if (port->ProcessSlots[s].FileObject == NULL) {
-                AmLog("am_add_process_id (%ls) found empty slot: %d", relatedFileName, s);
+                foundSlot = (LONG)s;
                 port->ProcessSlots[s].FileObject = fileObject;
                 port->ProcessSlots[s].ProcessId = processId;
                 break;
@@ -170,6 +174,13 @@ VOID am_add_process_id(_In_z_ PCWSTR relatedFileName, _In_ PFILE_OBJECT fileObje
         break;
     }
     KeReleaseSpinLock(&table->Lock, irql);
+
+    if (foundEntry >= 0) {
+        AmLog("am_add_process_id (%ls) found entry: %d", relatedFileName, foundEntry);
+    }
+    if (foundSlot >= 0) {
+        AmLog("am_add_process_id (%ls) found empty slot: %d", relatedFileName, foundSlot);
+    }
     AmLeaveControlRequest();
 }
 
@@ -184,15 +195,27 @@ VOID am_remove_process_id(_In_ PFILE_OBJECT fileObject)
     }
     PortTable *table = (PortTable *)control->DeviceExtension;
 
+    // A pin's file object is registered once, so at most one slot names it.
+    // The port's reference string is copied under the lock (the record may go
+    // as soon as it is released) and printed at PASSIVE_LEVEL.
+    WCHAR referenceString[AM_PORT_REFSTRING_CCH];
+    LONG foundSlot = -1;
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&table->Lock);
-    for (ULONG i = 0; i < table->PortCount; i++) {
+    for (ULONG i = 0; i < table->PortCount && foundSlot < 0; i++) {
         MidiPort *port = table->Ports[i];
         if (port == NULL) {
             continue;
         }
         for (ULONG s = 0; s < AM_PORT_PROCESS_SLOTS; s++) {
             if (port->ProcessSlots[s].FileObject == fileObject) {
-                AmLog("am_remove_process_id (%ls) found used slot: %d", port->ReferenceString, s);
+                for (ULONG c = 0; c < AM_PORT_REFSTRING_CCH; c++) {
+                    referenceString[c] = port->ReferenceString[c];
+                    if (referenceString[c] == L'\0') {
+                        break;
+                    }
+                }
+                referenceString[AM_PORT_REFSTRING_CCH - 1] = L'\0';
+                foundSlot = (LONG)s;
                 port->ProcessSlots[s].FileObject = NULL;
                 port->ProcessSlots[s].ProcessId = NULL;
                 break;
@@ -200,5 +223,9 @@ VOID am_remove_process_id(_In_ PFILE_OBJECT fileObject)
         }
     }
     KeReleaseSpinLock(&table->Lock, irql);
+
+    if (foundSlot >= 0) {
+        AmLog("am_remove_process_id (%ls) found used slot: %d", referenceString, foundSlot);
+    }
     AmLeaveControlRequest();
 }
