@@ -40,19 +40,6 @@ STDMETHODIMP_(NTSTATUS) Probe::NonDelegatingQueryInterface(REFIID iid, PVOID *ob
     return CUnknown::NonDelegatingQueryInterface(iid, object);
 }
 
-// An outer object that only counts.
-struct Outer : IUnknown {
-    ULONG refs = 1;
-    STDMETHODIMP_(NTSTATUS) QueryInterface(REFIID, PVOID *object) override
-    {
-        *object = this;
-        refs++;
-        return STATUS_SUCCESS;
-    }
-    STDMETHODIMP_(ULONG) AddRef() override { return ++refs; }
-    STDMETHODIMP_(ULONG) Release() override { return --refs; }
-};
-
 class UnknownTest : public ::testing::Test {
 protected:
     void SetUp() override { destroyed = 0; }
@@ -96,23 +83,6 @@ TEST_F(UnknownTest, QueriesHandOutTheUnknownWithAReference)
     EXPECT_EQ(static_cast<PUNKNOWN>(unknown)->Release(), 1u);
     EXPECT_EQ(probe->Release(), 0u);
     EXPECT_EQ(destroyed, 1);
-}
-
-TEST_F(UnknownTest, AnAggregatedObjectForwardsToItsOuterUnknown)
-{
-    Outer outer;
-    Probe *probe = new (NonPagedPool) Probe(&outer);
-    ASSERT_NE(probe, nullptr);
-    EXPECT_EQ(probe->GetOuterUnknown(), &outer);
-    EXPECT_EQ(probe->AddRef(), 2u);
-    EXPECT_EQ(outer.refs, 2u);
-    EXPECT_EQ(probe->GetReferenceCount(), 0); // its own count is untouched
-    probe->Release();
-    // Its own lifetime still follows the non-delegating count.
-    probe->NonDelegatingAddRef();
-    EXPECT_EQ(probe->NonDelegatingRelease(), 0u);
-    EXPECT_EQ(destroyed, 1);
-    EXPECT_EQ(outer.refs, 1u);
 }
 
 TEST_F(UnknownTest, StorageIsZeroedPoolWithTheGivenTagOrNone)

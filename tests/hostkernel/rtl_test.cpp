@@ -215,48 +215,35 @@ TEST(Rtl, CountedStringPrinterFillsWithoutTerminator)
 
 TEST(Rtl, CountedStrings)
 {
-    UNICODE_STRING a;
-    RtlInitUnicodeString(&a, L"Piano");
-    EXPECT_EQ(a.Length, 10);
-    EXPECT_EQ(a.MaximumLength, 12);
-    UNICODE_STRING none;
-    RtlInitUnicodeString(&none, nullptr);
-    EXPECT_TRUE(none.Length == 0 && none.MaximumLength == 0 && none.Buffer == nullptr);
-
     struct Case {
-        const char16_t *left;
-        const char16_t *right;
+        const char16_t *left, *right;
         bool caseInsensitive;
         int sign; // of the comparison
     };
     const Case cases[] = {
         {u"Piano", u"Piano", false, 0}, {u"Piano", u"PIANO", false, 1}, {u"Piano", u"PIANO", true, 0},
-        {u"\u00E9t\u00E9", u"\u00C9T\u00C9", true, 0}, {u"Pian", u"Piano", true, -1}, {u"b", u"a", true, 1},
-        {u"", u"", false, 0},
+        {u"\u00E9t\u00E9", u"\u00C9T\u00C9", true, 0}, {u"Pian", u"Piano", true, -1}, {u"", u"", false, 0},
     };
     for (const Case &c : cases) {
         Counted l(c.left), r(c.right);
         LONG result = RtlCompareUnicodeString(&l.string, &r.string, c.caseInsensitive);
-        EXPECT_EQ((result > 0) - (result < 0), c.sign);
+        EXPECT_EQ((result > 0) - (result < 0), c.sign) << narrowed(c.left) << " " << narrowed(c.right);
         EXPECT_EQ(RtlEqualUnicodeString(&l.string, &r.string, c.caseInsensitive), c.sign == 0);
     }
 
+    UNICODE_STRING piano;
+    RtlInitUnicodeString(&piano, L"Piano");
+    EXPECT_TRUE(piano.Length == 10 && piano.MaximumLength == 12);
     WCHAR storage[4];
     UNICODE_STRING small{0, sizeof storage, storage};
-    RtlCopyUnicodeString(&small, &a);
-    EXPECT_EQ(small.Length, sizeof storage); // cut to the destination
-    EXPECT_EQ(std::u16string(reinterpret_cast<char16_t *>(storage), 4), u"Pian");
+    RtlCopyUnicodeString(&small, &piano); // cut to the destination, no room for a terminator
+    EXPECT_EQ(std::u16string(reinterpret_cast<char16_t *>(storage), small.Length / 2), u"Pian");
 
     SIZE_T length = 99;
     EXPECT_EQ(RtlStringCchLengthW(L"abc", 4, &length), STATUS_SUCCESS);
     EXPECT_EQ(length, 3u);
-    EXPECT_EQ(RtlStringCchLengthW(L"abc", 3, &length), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(RtlStringCchLengthW(L"abc", 3, &length), STATUS_INVALID_PARAMETER); // no terminator within 3
     EXPECT_EQ(length, 0u);
-    EXPECT_EQ(RtlStringCchLengthW(nullptr, 3, &length), STATUS_INVALID_PARAMETER);
-
-    const unsigned char x[] = {1, 2, 3, 4}, y[] = {1, 2, 9, 4};
-    EXPECT_EQ(RtlCompareMemory(x, y, 4), 2u);
-    EXPECT_EQ(RtlCompareMemory(x, x, 4), 4u);
 }
 
 } // namespace

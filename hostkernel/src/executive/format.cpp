@@ -19,7 +19,7 @@ namespace {
 
 enum class Size { Default, Char, Short, Long, LongLong, Wide };
 
-struct Spec {
+struct Conversion {
     bool left = false;
     bool plus = false;
     bool space = false;
@@ -51,7 +51,7 @@ void pad(FormatSink &sink, char fill, int count)
     }
 }
 
-void integer(FormatSink &sink, const Spec &spec, char type, bool negative, unsigned long long magnitude)
+void integer(FormatSink &sink, const Conversion &conv, char type, bool negative, unsigned long long magnitude)
 {
     int base = (type == 'o') ? 8 : (type == 'x' || type == 'X' || type == 'p') ? 16 : 10;
     const char *digitsOf = (type == 'X' || type == 'p') ? "0123456789ABCDEF" : "0123456789abcdef";
@@ -60,7 +60,7 @@ void integer(FormatSink &sink, const Spec &spec, char type, bool negative, unsig
     for (unsigned long long v = magnitude; v != 0; v /= unsigned(base)) {
         digits[n++] = digitsOf[v % unsigned(base)];
     }
-    int precision = spec.precision < 0 ? 1 : spec.precision;
+    int precision = conv.precision < 0 ? 1 : conv.precision;
     if (type == 'p') {
         precision = 16;
     }
@@ -68,9 +68,9 @@ void integer(FormatSink &sink, const Spec &spec, char type, bool negative, unsig
     std::string prefix;
     bool isSigned = type == 'd' || type == 'i';
     if (isSigned) {
-        prefix = negative ? "-" : spec.plus ? "+" : spec.space ? " " : "";
+        prefix = negative ? "-" : conv.plus ? "+" : conv.space ? " " : "";
     }
-    if (spec.alternate && magnitude != 0) {
+    if (conv.alternate && magnitude != 0) {
         if (type == 'x') {
             prefix = "0x";
         } else if (type == 'X') {
@@ -80,11 +80,11 @@ void integer(FormatSink &sink, const Spec &spec, char type, bool negative, unsig
         }
     }
     int length = int(prefix.size()) + zeroes + n;
-    int fill = spec.width > length ? spec.width - length : 0;
+    int fill = conv.width > length ? conv.width - length : 0;
     // "0" pads between the sign and the digits, unless a precision or "-"
     // says otherwise, as C's printf does.
-    bool zeroFill = spec.zero && !spec.left && spec.precision < 0;
-    if (!spec.left && !zeroFill) {
+    bool zeroFill = conv.zero && !conv.left && conv.precision < 0;
+    if (!conv.left && !zeroFill) {
         pad(sink, ' ', fill);
     }
     sink.narrow(prefix.data(), prefix.size());
@@ -95,7 +95,7 @@ void integer(FormatSink &sink, const Spec &spec, char type, bool negative, unsig
     for (int i = n; i-- > 0;) {
         sink.narrow(&digits[i], 1);
     }
-    if (spec.left) {
+    if (conv.left) {
         pad(sink, ' ', fill);
     }
 }
@@ -109,26 +109,26 @@ template <typename Unit> size_t boundedLength(const Unit *text, int precision)
     return n;
 }
 
-void narrowText(FormatSink &sink, const Spec &spec, const char *text, size_t length)
+void narrowText(FormatSink &sink, const Conversion &conv, const char *text, size_t length)
 {
-    int fill = spec.width > int(length) ? spec.width - int(length) : 0;
-    if (!spec.left) {
+    int fill = conv.width > int(length) ? conv.width - int(length) : 0;
+    if (!conv.left) {
         pad(sink, ' ', fill);
     }
     sink.narrow(text, length);
-    if (spec.left) {
+    if (conv.left) {
         pad(sink, ' ', fill);
     }
 }
 
-void wideText(FormatSink &sink, const Spec &spec, const char16_t *text, size_t length)
+void wideText(FormatSink &sink, const Conversion &conv, const char16_t *text, size_t length)
 {
-    int fill = spec.width > int(length) ? spec.width - int(length) : 0;
-    if (!spec.left) {
+    int fill = conv.width > int(length) ? conv.width - int(length) : 0;
+    if (!conv.left) {
         pad(sink, ' ', fill);
     }
     sink.wide(text, length);
-    if (spec.left) {
+    if (conv.left) {
         pad(sink, ' ', fill);
     }
 }
@@ -136,29 +136,29 @@ void wideText(FormatSink &sink, const Spec &spec, const char16_t *text, size_t l
 // Is the string or character argument wide? Narrow formats default to narrow
 // for the lower-case conversion, wide formats to wide; the upper-case one is
 // the other kind; "h" forces narrow and "l"/"w" wide.
-bool wideArgument(const Spec &spec, bool upper, bool wideFormat)
+bool wideArgument(const Conversion &conv, bool upper, bool wideFormat)
 {
-    if (spec.size == Size::Short) {
+    if (conv.size == Size::Short) {
         return false;
     }
-    if (spec.size == Size::Long || spec.size == Size::Wide) {
+    if (conv.size == Size::Long || conv.size == Size::Wide) {
         return true;
     }
     return upper != wideFormat;
 }
 
-void floating(FormatSink &sink, const Spec &spec, char type, double value)
+void floating(FormatSink &sink, const Conversion &conv, char type, double value)
 {
     std::string format = "%";
-    format += spec.left ? "-" : "";
-    format += spec.plus ? "+" : "";
-    format += spec.space ? " " : "";
-    format += spec.alternate ? "#" : "";
-    format += spec.zero ? "0" : "";
+    format += conv.left ? "-" : "";
+    format += conv.plus ? "+" : "";
+    format += conv.space ? " " : "";
+    format += conv.alternate ? "#" : "";
+    format += conv.zero ? "0" : "";
     format += "*.*";
     format += type;
     char buffer[512];
-    int n = std::snprintf(buffer, sizeof buffer, format.c_str(), spec.width, spec.precision < 0 ? 6 : spec.precision,
+    int n = std::snprintf(buffer, sizeof buffer, format.c_str(), conv.width, conv.precision < 0 ? 6 : conv.precision,
                           value);
     if (n > 0) {
         sink.narrow(buffer, size_t(n) < sizeof buffer ? size_t(n) : sizeof buffer - 1);
@@ -181,79 +181,79 @@ const char kNull[] = "(null)";
 template <typename Ch> const Ch *conversion(FormatSink &sink, const Ch *p, Args &args, bool wideFormat)
 {
     const Ch *start = p - 1; // the '%'
-    Spec spec;
+    Conversion conv;
     for (;; p++) {
         if (*p == Ch('-')) {
-            spec.left = true;
+            conv.left = true;
         } else if (*p == Ch('+')) {
-            spec.plus = true;
+            conv.plus = true;
         } else if (*p == Ch(' ')) {
-            spec.space = true;
+            conv.space = true;
         } else if (*p == Ch('#')) {
-            spec.alternate = true;
+            conv.alternate = true;
         } else if (*p == Ch('0')) {
-            spec.zero = true;
+            conv.zero = true;
         } else {
             break;
         }
     }
     if (*p == Ch('*')) {
-        spec.width = va_arg(args.list, int);
-        if (spec.width < 0) {
-            spec.left = true;
-            spec.width = -spec.width;
+        conv.width = va_arg(args.list, int);
+        if (conv.width < 0) {
+            conv.left = true;
+            conv.width = -conv.width;
         }
         p++;
     } else {
         while (isDigit(*p)) {
-            spec.width = spec.width * 10 + int(*p++ - Ch('0'));
+            conv.width = conv.width * 10 + int(*p++ - Ch('0'));
         }
     }
     if (*p == Ch('.')) {
         p++;
-        spec.precision = 0;
+        conv.precision = 0;
         if (*p == Ch('*')) {
-            spec.precision = va_arg(args.list, int);
-            if (spec.precision < 0) {
-                spec.precision = -1;
+            conv.precision = va_arg(args.list, int);
+            if (conv.precision < 0) {
+                conv.precision = -1;
             }
             p++;
         } else {
             while (isDigit(*p)) {
-                spec.precision = spec.precision * 10 + int(*p++ - Ch('0'));
+                conv.precision = conv.precision * 10 + int(*p++ - Ch('0'));
             }
         }
     }
     if (*p == Ch('h')) {
         p++;
-        spec.size = Size::Short;
+        conv.size = Size::Short;
         if (*p == Ch('h')) {
             p++;
-            spec.size = Size::Char;
+            conv.size = Size::Char;
         }
     } else if (*p == Ch('l')) {
         p++;
-        spec.size = Size::Long;
+        conv.size = Size::Long;
         if (*p == Ch('l')) {
             p++;
-            spec.size = Size::LongLong;
+            conv.size = Size::LongLong;
         }
     } else if (*p == Ch('w')) {
         p++;
-        spec.size = Size::Wide;
+        conv.size = Size::Wide;
     } else if (*p == Ch('L') || *p == Ch('z') || *p == Ch('t') || *p == Ch('j')) {
         p++;
-        spec.size = Size::LongLong;
+        conv.size = Size::LongLong;
     } else if (*p == Ch('I')) {
         p++;
         if (p[0] == Ch('6') && p[1] == Ch('4')) {
             p += 2;
-            spec.size = Size::LongLong;
+            conv.size = Size::LongLong;
         } else if (p[0] == Ch('3') && p[1] == Ch('2')) {
             p += 2;
-            spec.size = Size::Long;
+            conv.size = Size::Long;
         } else {
-            spec.size = Size::LongLong; // pointer-sized on x64
+            conv.size = Size::LongLong; // pointer-sized on x64
         }
     }
     Ch type = *p;
@@ -266,14 +266,14 @@ template <typename Ch> const Ch *conversion(FormatSink &sink, const Ch *p, Args 
     case 'd':
     case 'i': {
         long long value;
-        if (spec.size == Size::LongLong) {
+        if (conv.size == Size::LongLong) {
             value = va_arg(args.list, long long);
         } else {
             int v = va_arg(args.list, int);
-            value = spec.size == Size::Short ? short(v) : spec.size == Size::Char ? (signed char)(v) : v;
+            value = conv.size == Size::Short ? short(v) : conv.size == Size::Char ? (signed char)(v) : v;
         }
         bool negative = value < 0;
-        integer(sink, spec, char(type), negative,
+        integer(sink, conv, char(type), negative,
                 negative ? 0ull - static_cast<unsigned long long>(value) : static_cast<unsigned long long>(value));
         break;
     }
@@ -282,27 +282,27 @@ template <typename Ch> const Ch *conversion(FormatSink &sink, const Ch *p, Args 
     case 'x':
     case 'X': {
         unsigned long long value;
-        if (spec.size == Size::LongLong) {
+        if (conv.size == Size::LongLong) {
             value = va_arg(args.list, unsigned long long);
         } else {
             unsigned v = va_arg(args.list, unsigned);
-            value = spec.size == Size::Short ? (unsigned short)(v) : spec.size == Size::Char ? (unsigned char)(v) : v;
+            value = conv.size == Size::Short ? (unsigned short)(v) : conv.size == Size::Char ? (unsigned char)(v) : v;
         }
-        integer(sink, spec, char(type), false, value);
+        integer(sink, conv, char(type), false, value);
         break;
     }
     case 'p':
-        integer(sink, spec, 'p', false, reinterpret_cast<ULONG_PTR>(va_arg(args.list, void *)));
+        integer(sink, conv, 'p', false, reinterpret_cast<ULONG_PTR>(va_arg(args.list, void *)));
         break;
     case 'c':
     case 'C': {
         int value = va_arg(args.list, int);
-        if (wideArgument(spec, type == Ch('C'), wideFormat)) {
+        if (wideArgument(conv, type == Ch('C'), wideFormat)) {
             char16_t unit = char16_t(value);
-            wideText(sink, spec, &unit, 1);
+            wideText(sink, conv, &unit, 1);
         } else {
             char unit = char(value);
-            narrowText(sink, spec, &unit, 1);
+            narrowText(sink, conv, &unit, 1);
         }
         break;
     }
@@ -310,36 +310,36 @@ template <typename Ch> const Ch *conversion(FormatSink &sink, const Ch *p, Args 
     case 'S': {
         const void *text = va_arg(args.list, const void *);
         if (text == nullptr) {
-            narrowText(sink, spec, kNull, boundedLength(kNull, spec.precision));
-        } else if (wideArgument(spec, type == Ch('S'), wideFormat)) {
+            narrowText(sink, conv, kNull, boundedLength(kNull, conv.precision));
+        } else if (wideArgument(conv, type == Ch('S'), wideFormat)) {
             auto wide = static_cast<const char16_t *>(text);
-            wideText(sink, spec, wide, boundedLength(wide, spec.precision));
+            wideText(sink, conv, wide, boundedLength(wide, conv.precision));
         } else {
             auto narrow = static_cast<const char *>(text);
-            narrowText(sink, spec, narrow, boundedLength(narrow, spec.precision));
+            narrowText(sink, conv, narrow, boundedLength(narrow, conv.precision));
         }
         break;
     }
     case 'Z': {
         // A counted string: ANSI_STRING, or UNICODE_STRING with "w"/"l".
         const void *string = va_arg(args.list, const void *);
-        bool wide = spec.size == Size::Wide || spec.size == Size::Long;
+        bool wide = conv.size == Size::Wide || conv.size == Size::Long;
         if (string == nullptr) {
-            narrowText(sink, spec, kNull, 6);
+            narrowText(sink, conv, kNull, 6);
         } else if (wide) {
             auto counted = static_cast<const UNICODE_STRING *>(string);
             if (counted->Buffer == nullptr) {
-                narrowText(sink, spec, kNull, 6);
+                narrowText(sink, conv, kNull, 6);
             } else {
-                wideText(sink, spec, reinterpret_cast<const char16_t *>(counted->Buffer),
+                wideText(sink, conv, reinterpret_cast<const char16_t *>(counted->Buffer),
                          counted->Length / sizeof(WCHAR));
             }
         } else {
             auto counted = static_cast<const ANSI_STRING *>(string);
             if (counted->Buffer == nullptr) {
-                narrowText(sink, spec, kNull, 6);
+                narrowText(sink, conv, kNull, 6);
             } else {
-                narrowText(sink, spec, counted->Buffer, counted->Length);
+                narrowText(sink, conv, counted->Buffer, counted->Length);
             }
         }
         break;
@@ -355,7 +355,7 @@ template <typename Ch> const Ch *conversion(FormatSink &sink, const Ch *p, Args 
     case 'G':
     case 'a':
     case 'A':
-        floating(sink, spec, char(type), va_arg(args.list, double));
+        floating(sink, conv, char(type), va_arg(args.list, double));
         break;
     case '%':
         sink.narrow("%", 1);
