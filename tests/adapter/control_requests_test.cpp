@@ -49,15 +49,20 @@ TEST_F(ControlRequests, UnsupportedMajorsAreRefusedOnTheControlDeviceOnly)
     EXPECT_TRUE(log.contains("punt_to_PortCls: done"));
 }
 
-TEST_F(ControlRequests, InternalDeviceControlSucceedsWithoutLooking)
+TEST_F(ControlRequests, ControlCodesOtherThanTheQuery)
 {
     hk::Handle h = openPort(app(), u"\\Piano");
     ASSERT_NE(h, 0u);
     UCHAR out[16] = {0xAA};
     hk::IoResult r = app().internalDeviceControl(h, 0x12345678, nullptr, 0, out, sizeof(out));
-    EXPECT_EQ(r.status, STATUS_SUCCESS);
+    EXPECT_EQ(r.status, STATUS_SUCCESS); // internal ones succeed without a look
     EXPECT_EQ(r.information, 0u);
     EXPECT_EQ(out[0], 0xAA);
+    hk::LogCapture log;
+    r = app().deviceControl(h, 0x80012008, nullptr, 0, out, sizeof(out));
+    EXPECT_EQ(r.status, STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(r.information, 0u);
+    EXPECT_TRUE(log.contains("am_private_dispatch_device_control(80012008): c0000010 [0]"));
 }
 
 // ------------------------------------------------------------------ open and close
@@ -314,33 +319,6 @@ TEST_F(ControlRequests, WriteStatusRows)
     EXPECT_EQ(app().write(h, data.data(), 3).status, STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_TRUE(log.contains("am_private_dispatch_write ----- MmGetSystemAddressForMdlSafe failed"));
     hk::clearIoFaults();
-}
-
-// ------------------------------------------------------------------ device control
-
-struct ControlCase {
-    ULONG code;
-    ULONG outputLength;
-    NTSTATUS status;
-    ULONG_PTR information;
-};
-
-TEST_F(ControlRequests, DeviceControlWithNoPinOpen)
-{
-    hk::Handle h = openPort(app(), u"\\Piano");
-    ASSERT_NE(h, 0u);
-    const ControlCase cases[] = {
-        {IOCTL_AMBREL_PROCESS_IDS, 128, STATUS_SUCCESS, 0},
-        {IOCTL_AMBREL_PROCESS_IDS, 8, STATUS_SUCCESS, 0},
-        {IOCTL_AMBREL_PROCESS_IDS, 0, STATUS_MORE_PROCESSING_REQUIRED, 0},
-        {0x80012008, 128, STATUS_INVALID_DEVICE_REQUEST, 0},
-    };
-    for (const ControlCase &c : cases) {
-        std::vector<UCHAR> out(c.outputLength + 1);
-        hk::IoResult r = app().deviceControl(h, c.code, nullptr, 0, out.data(), c.outputLength);
-        EXPECT_EQ(r.status, c.status) << std::hex << c.code << " " << c.outputLength;
-        EXPECT_EQ(r.information, c.information);
-    }
 }
 
 } // namespace

@@ -165,14 +165,6 @@ TEST_F(DriverEntryTest, InstallsItsRoutinesOverEverySlotTheFrameworkFilled)
     load();
     ASSERT_FALSE(HasFatalFailure());
     EXPECT_TRUE(logHasLine(log, "DriverEntry +++++ succeeded"));
-    EXPECT_EQ(driver_->MajorFunction[IRP_MJ_CREATE], am_private_dispatch_create);
-    EXPECT_EQ(driver_->MajorFunction[IRP_MJ_CLOSE], am_private_dispatch_close);
-    EXPECT_EQ(driver_->MajorFunction[IRP_MJ_READ], am_private_dispatch_read);
-    EXPECT_EQ(driver_->MajorFunction[IRP_MJ_WRITE], am_private_dispatch_write);
-    EXPECT_EQ(driver_->MajorFunction[IRP_MJ_CLEANUP], am_private_dispatch_cleanup);
-    EXPECT_EQ(driver_->MajorFunction[IRP_MJ_DEVICE_CONTROL], am_private_dispatch_device_control);
-    EXPECT_EQ(driver_->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL], am_private_dispatch_internal_device_control);
-    EXPECT_EQ(driver_->MajorFunction[IRP_MJ_PNP], am_private_dispatch_pnp);
     // Every other slot either stayed empty or holds the catch-all: no request
     // of any kind reaches portcls without passing the driver first.
     size_t catchalls = 0;
@@ -235,21 +227,6 @@ TEST_F(AdapterDeviceTest, SecondAdapterIsRefused)
     ASSERT_NE(second, nullptr);
     EXPECT_EQ(second->addDeviceStatus(), STATUS_UNSUCCESSFUL);
     EXPECT_TRUE(logHasLine(log, "AddDevice ----- Already got controlDeviceObject!!!!!!!"));
-}
-
-TEST_F(AdapterDeviceTest, StartWithoutResourceListOrBeforeTheControlDeviceIsRefusedOrNoted)
-{
-    load();
-    ASSERT_FALSE(HasFatalFailure());
-    hk::LogCapture log;
-    // The adapter's start routine as portcls would call it, with the cases
-    // portcls itself never produces.
-    DEVICE_OBJECT fakeDevice{};
-    IRP fakeIrp{};
-    EXPECT_EQ(StartDevice(&fakeDevice, &fakeIrp, NULL), STATUS_INVALID_PARAMETER);
-    EXPECT_TRUE(logHasLine(log, "StartDevice ----- NULL resource list"));
-    EXPECT_EQ(StartDevice(&fakeDevice, &fakeIrp, (PRESOURCELIST)&fakeDevice), STATUS_SUCCESS);
-    EXPECT_TRUE(logHasLine(log, "StartDevice ----- StartDevice: no device extension yet!!!!"));
 }
 
 TEST_F(AdapterDeviceTest, StopAndRestartKeepsServingPorts)
