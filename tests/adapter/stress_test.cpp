@@ -5,6 +5,8 @@
 // completion or one never made), nothing may leak, nothing may deadlock.
 #include "adapter_fixture.h"
 
+#include <hostkernel/midiclient.h>
+
 #include <atomic>
 #include <random>
 #include <thread>
@@ -88,6 +90,42 @@ std::vector<std::string> churn(hk::Process &app, unsigned seed, const std::atomi
     return unexpected;
 }
 
+// A MIDI client that keeps finding the ports, opening a filter and a pin on
+// one, playing or recording a little, and closing again, while the ports come
+// and go under it. Returns how many pins it managed to open.
+size_t clientChurn(hk::Process &client, unsigned seed, const std::atomic<bool> &stop)
+{
+    namespace midi = hostkernel::midi;
+    const GUID kMidi = {0x1D262760, 0xE957, 0x11CF, {0xA5, 0xD6, 0x28, 0xDB, 0x04, 0xC1, 0x00, 0x00}};
+    std::mt19937 random(seed);
+    size_t pins = 0;
+    while (!stop.load()) {
+        auto port = midi::findPort(std::u16string(1, char16_t(u'A' + random() % 4)));
+        std::unique_ptr<midi::Filter> filter;
+        if (!port || midi::Filter::open(client, port->path, &filter) != STATUS_SUCCESS) {
+            std::this_thread::yield();
+            continue;
+        }
+        bool capture = random() % 2;
+        auto id = filter->findPin(capture ? KSPIN_DATAFLOW_OUT : KSPIN_DATAFLOW_IN, kMidi);
+        std::unique_ptr<midi::Pin> pin;
+        if (id && midi::Pin::open(*filter, *id, kMidi, &pin) == STATUS_SUCCESS) {
+            pins++;
+            if (pin->setState(KSSTATE_RUN) == STATUS_SUCCESS) {
+                if (capture) {
+                    std::vector<midi::Message> messages;
+                    pin->receive(&messages, std::chrono::milliseconds(2));
+                } else {
+                    pin->send({0x90, UCHAR(random() % 128), 64});
+                }
+            }
+            pin->close();
+        }
+        filter->close();
+    }
+    return pins;
+}
+
 TEST_F(Stress, OpensClosesReadsWritesAndCancelsFromManyThreads)
 {
     hk::registry::setDword(configurationKey(), u"MaxPorts", 3);
@@ -102,6 +140,13 @@ TEST_F(Stress, OpensClosesReadsWritesAndCancelsFromManyThreads)
         hk::Process &app = process(100 + t);
         threads.emplace_back([&, t, appPtr = &app] { results[t] = churn(*appPtr, t + 1, stop, false); });
     }
+    // Two clients of their own processes play to and record from the ports
+    // meanwhile; their pin opens pass the process-id registry.
+    std::atomic<size_t> clientPins{0};
+    for (unsigned c = 0; c < 2; c++) {
+        hk::Process &client = process(200 + c);
+        threads.emplace_back([&, c, clientPtr = &client] { clientPins += clientChurn(*clientPtr, 7 + c, stop); });
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(400));
     stop = true;
     for (auto &t : threads) {
@@ -110,6 +155,7 @@ TEST_F(Stress, OpensClosesReadsWritesAndCancelsFromManyThreads)
     for (auto &r : results) {
         EXPECT_TRUE(r.empty()) << r.front();
     }
+    EXPECT_GT(clientPins.load(), 0u);
     processes_.clear();
     hk::drainIo();
     // Every port was withdrawn and freed with its handle.
