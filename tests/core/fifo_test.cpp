@@ -86,22 +86,6 @@ TEST(PortFifo, KeepsByteOrderAndDepthAcrossWrapAroundLikeAQueue)
     EXPECT_TRUE(sawHeadBelowTail);
 }
 
-TEST(PortFifo, ShortReadsTakePartsOfAMessageInOrderAndAnEmptyFifoGivesNothing)
-{
-    Fifo fifo;
-    ASSERT_EQ(STATUS_SUCCESS, fifo.f.FifoCreate(8176));
-    UCHAR out[4] = {};
-    EXPECT_EQ(0u, fifo.f.FifoGet(out, sizeof(out)));
-
-    const UCHAR note[3] = {0x90, 0x3C, 0x40};
-    fifo.f.FifoPut(note, 3);
-    for (UCHAR expected : note) {
-        ASSERT_EQ(1u, fifo.f.FifoGet(out, 1));
-        EXPECT_EQ(expected, out[0]);
-    }
-    EXPECT_EQ(0u, fifo.f.FifoGet(out, sizeof(out)));
-}
-
 TEST(PortFifo, APutThatDoesNotFitIsRefusedWholeAndAsserted)
 {
     Fifo fifo;
