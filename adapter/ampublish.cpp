@@ -102,6 +102,9 @@ static NTSTATUS WriteMediaCategory(_In_ MidiPort *port)
     return STATUS_SUCCESS;
 }
 
+// "ambrel" and a slot index of at most ten digits, with room to spare.
+#define AM_REFERENCE_TEXT_CCH 32
+
 NTSTATUS AddPortDevice(_In_ PortTable *table, _In_ ULONG index, _In_ ULONG sysexSize, _In_ ULONG flags,
                        _In_ GUID manufacturerGuid, _In_ GUID productGuid)
 {
@@ -115,12 +118,21 @@ NTSTATUS AddPortDevice(_In_ PortTable *table, _In_ ULONG index, _In_ ULONG sysex
     }
     MidiPort *port = table->Ports[index];
 
+    // The record is in the table already, and the pin registry reads every
+    // record's reference string under the table lock while it looks for a
+    // pin's port: the string is made aside and stored under that lock.
+    WCHAR text[AM_REFERENCE_TEXT_CCH];
     UNICODE_STRING reference;
-    reference.Buffer = port->ReferenceString;
+    reference.Buffer = text;
     reference.Length = 0;
-    reference.MaximumLength = (USHORT)sizeof(port->ReferenceString);
+    reference.MaximumLength = (USHORT)sizeof(text);
     RtlUnicodeStringPrintf(&reference, L"ambrel%d", index);
-    port->ReferenceString[reference.Length / sizeof(WCHAR)] = L'\0';
+    text[reference.Length / sizeof(WCHAR)] = L'\0';
+    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&table->Lock);
+    for (ULONG c = 0; c <= reference.Length / sizeof(WCHAR); c++) {
+        port->ReferenceString[c] = text[c];
+    }
+    KeReleaseSpinLock(&table->Lock, irql);
     AmLog("AddPortDevice ***** Portname is: %ls (%d)", port->ReferenceString, reference.Length);
 
     NTSTATUS status = RegisterPortInterface(table, port, &AmCategoryAudio, "audio");

@@ -178,8 +178,14 @@ STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::Init(_In_opt_ PUNKNOWN UnknownAdapter, 
         m_Technology = KSMUSIC_TECHNOLOGY_PORT;
     }
     // Shared by every port's filter: the port initialised last decides.
-    RangeMidiStream.Technology = m_Technology;
-    RangeDirectMusicStream.Technology = m_Technology;
+    // Other ports' clients read these ranges at any time, so they are
+    // written only when the technology really changes.
+    if (!IsEqualGUIDAligned(RangeMidiStream.Technology, m_Technology)) {
+        RangeMidiStream.Technology = m_Technology;
+    }
+    if (!IsEqualGUIDAligned(RangeDirectMusicStream.Technology, m_Technology)) {
+        RangeDirectMusicStream.Technology = m_Technology;
+    }
 
     InterlockedExchange(&m_NotifyCount, 0);
     m_NumRenderStreams = 0;

@@ -9,6 +9,7 @@
 // adapter and unloads the driver. The exit code is 0 only when every note
 // made the round trip unchanged and the kernel is left exactly as it was
 // found: no port, no request, no object, no pool block.
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -51,6 +52,18 @@ std::string noteName(std::uint8_t key)
 {
     static const char *const names[] = {"C", "C#", "D", "D#", "E", "F", "F#", "G", "G#", "A", "A#", "B"};
     return std::string(names[key % 12]) + std::to_string(int(key / 12) - 1);
+}
+
+// Bytes of a channel message from its status byte (what the player sends).
+size_t messageLength(std::uint8_t status)
+{
+    switch (status & 0xF0) {
+    case 0xC0:
+    case 0xD0:
+        return 2;
+    default:
+        return status >= 0x80 && status < 0xF0 ? 3 : 1;
+    }
 }
 
 std::string describe(const Bytes &m)
@@ -306,19 +319,27 @@ private:
     void record(midi::Pin &capture, size_t expected, std::vector<Bytes> *heard)
     {
         LONGLONG first = -1;
+        Bytes stream;
         while (heard->size() < expected) {
             std::vector<midi::Message> messages;
             NTSTATUS status = capture.receive(&messages, 10s);
             if (!checks_.check(status == STATUS_SUCCESS, "the recorder received the echo", status)) {
                 return;
             }
+            // Events carry the application's writes in pieces of the
+            // framework's choosing: the recorder reassembles the byte stream
+            // and cuts whole messages from it.
             for (const midi::Message &m : messages) {
                 if (first < 0) {
                     first = m.time;
                 }
-                printf("recorder hears  +%6.3f s  %s\n", double(m.time - first) / 1e7, describe(m.bytes).c_str());
-                fflush(stdout);
-                heard->push_back(m.bytes);
+                stream.insert(stream.end(), m.bytes.begin(), m.bytes.end());
+                while (!stream.empty() && stream.size() >= messageLength(stream.front())) {
+                    Bytes one(stream.begin(), stream.begin() + messageLength(stream.front()));
+                    stream.erase(stream.begin(), stream.begin() + one.size());
+                    printf("recorder hears  +%6.3f s  %s\n", double(m.time - first) / 1e7, describe(one).c_str());
+                    heard->push_back(one);
+                }
             }
         }
     }
