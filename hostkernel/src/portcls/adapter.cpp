@@ -274,10 +274,12 @@ NTSTATUS NTAPI PcInitializeAdapterDriver(PDRIVER_OBJECT DriverObject, PUNICODE_S
     if (DriverObject == NULL || AddDevice == NULL) {
         return STATUS_INVALID_PARAMETER;
     }
-    static const UCHAR kFilled[] = {IRP_MJ_CREATE,         IRP_MJ_CLOSE,          IRP_MJ_READ,
-                                    IRP_MJ_WRITE,          IRP_MJ_FLUSH_BUFFERS,  IRP_MJ_DEVICE_CONTROL,
-                                    IRP_MJ_QUERY_SECURITY, IRP_MJ_SET_SECURITY,   IRP_MJ_PNP,
-                                    IRP_MJ_POWER,          IRP_MJ_SYSTEM_CONTROL};
+    // Cleanup is among them: it is where a pin's parked reads are given back
+    // when its last handle closes.
+    static const UCHAR kFilled[] = {IRP_MJ_CREATE,         IRP_MJ_CLOSE,         IRP_MJ_CLEANUP,
+                                    IRP_MJ_READ,           IRP_MJ_WRITE,         IRP_MJ_FLUSH_BUFFERS,
+                                    IRP_MJ_DEVICE_CONTROL, IRP_MJ_QUERY_SECURITY, IRP_MJ_SET_SECURITY,
+                                    IRP_MJ_PNP,            IRP_MJ_POWER,         IRP_MJ_SYSTEM_CONTROL};
     for (UCHAR major : kFilled) {
         DriverObject->MajorFunction[major] = PcDispatchIrp;
     }
