@@ -161,7 +161,11 @@ TEST_F(PortclsTest, PinStateStepsThroughEveryStateAndClosingStops)
     KSSTATE state = KSSTATE_STOP;
     ASSERT_EQ(pin->state(&state), STATUS_SUCCESS);
     EXPECT_EQ(state, KSSTATE_RUN);
-    EXPECT_EQ(pin->setState(KSSTATE(7)), STATUS_INVALID_PARAMETER);
+    ULONG bogus = 7;
+    EXPECT_EQ(pin->property(KSPROPSETID_Connection, KSPROPERTY_CONNECTION_STATE, KSPROPERTY_TYPE_SET, &bogus,
+                            sizeof(bogus))
+                  .status,
+              STATUS_INVALID_PARAMETER);
     ASSERT_EQ(pin->setState(KSSTATE_ACQUIRE), STATUS_SUCCESS);
     ASSERT_EQ(pin->setState(KSSTATE_RUN), STATUS_SUCCESS);
     std::vector<KSSTATE> expected = {KSSTATE_ACQUIRE, KSSTATE_PAUSE, KSSTATE_RUN, KSSTATE_PAUSE,

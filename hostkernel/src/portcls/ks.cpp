@@ -980,9 +980,9 @@ bool connectionProperty(Pin &pin, const PropertyCall &call, NTSTATUS *status, UL
         } else if (call.valueLength < sizeof(KSSTATE) || call.value == NULL) {
             *status = STATUS_BUFFER_TOO_SMALL;
         } else {
-            KSSTATE state;
-            memcpy(&state, call.value, sizeof(state));
-            *status = pin.setState(state);
+            ULONG wanted;
+            memcpy(&wanted, call.value, sizeof(wanted));
+            *status = wanted > KSSTATE_RUN ? STATUS_INVALID_PARAMETER : pin.setState(KSSTATE(wanted));
             *information = NT_SUCCESS(*status) ? sizeof(KSSTATE) : 0;
         }
         return true;
