@@ -48,6 +48,16 @@ protected:
     }
 
     hk::Process &app() { return *processes_.front(); }
+    // The port's miniport, behind the application's handle.
+    CMiniportAmbrel *miniport() { return AmPortOfFile(app().fileObject(app_))->Miniport; }
+    Bytes readNow(ULONG length)
+    {
+        Bytes buffer(length);
+        hk::IoResult r = app().read(app_, buffer.data(), length);
+        EXPECT_EQ(r.status, STATUS_SUCCESS);
+        buffer.resize(r.information);
+        return buffer;
+    }
     hk::Handle app_ = 0;
 };
 
@@ -89,6 +99,80 @@ TEST_F(ClientView, FilterNamesAndIdentityOfThePort)
     EXPECT_EQ(name, u"Piano");
     ASSERT_EQ(filter->synthCaps(0, &caps), STATUS_SUCCESS);
     EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t *>(caps.Description)), u"Ambrel Out");
+}
+
+TEST_F(ClientView, PinNameSizeQueryAndShortBuffers)
+{
+    auto filter = openPortAndFilter(u"\\Piano", u"Piano");
+    ASSERT_TRUE(filter);
+    const ULONG pin[2] = {2, 0};
+    struct Row {
+        ULONG length;
+        NTSTATUS status;
+        ULONG_PTR information;
+    } rows[] = {{0, STATUS_BUFFER_OVERFLOW, 12}, {11, STATUS_BUFFER_TOO_SMALL, 0}, {12, STATUS_SUCCESS, 12},
+                {40, STATUS_SUCCESS, 12}};
+    for (bool closed : {false, true}) {
+        if (closed) {
+            ASSERT_EQ(app().close(app_), STATUS_SUCCESS);  // the names stay
+        }
+        for (const Row &row : rows) {
+            SCOPED_TRACE(testing::Message() << row.length << (closed ? " closed" : ""));
+            Bytes out(64, 0xCC);
+            hk::IoResult r = filter->property(KSPROPSETID_Pin, KSPROPERTY_PIN_NAME, KSPROPERTY_TYPE_GET, out.data(),
+                                              row.length, pin, sizeof(pin));
+            EXPECT_EQ(r.status, row.status);
+            EXPECT_EQ(r.information, row.information);
+            if (row.status == STATUS_SUCCESS) {
+                EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t *>(out.data())), u"Piano");
+                EXPECT_EQ(Bytes(out.begin() + 12, out.begin() + row.length), Bytes(row.length - 12, 0));
+            }
+        }
+    }
+}
+
+TEST_F(ClientView, ParkedReadTakesWhatFitsAndIsLeftToItsCanceller)
+{
+    auto filter = openPortAndFilter(u"\\Piano", u"Piano");
+    ASSERT_TRUE(filter);
+    auto pin = runningPin(*filter, 0, kMidi);
+    ASSERT_TRUE(pin);
+
+    // A 2-byte parked read gets the first two bytes; the third stays.
+    auto shortRead = app().readAsync(app_, 2);
+    ASSERT_EQ(pin->send({0x90, 0x3C, 0x40}), STATUS_SUCCESS);
+    ASSERT_TRUE(shortRead->wait(10s));
+    EXPECT_EQ(shortRead->information(), 2u);
+    EXPECT_EQ(shortRead->result().priorityBoost, IO_SOUND_INCREMENT);
+    EXPECT_EQ(readNow(16), (Bytes{0x40}));
+
+    // A read whose canceller has taken its routine but not yet its slot is
+    // left alone: the data stays for the next read.
+    auto read = app().readAsync(app_, 16);
+    ASSERT_FALSE(read->wait(10ms));
+    PIRP irp = read->irp();
+    ASSERT_NE(IoSetCancelRoutine(irp, NULL), nullptr);
+    ASSERT_EQ(pin->send({0xC0, 0x05}), STATUS_SUCCESS);
+    EXPECT_FALSE(read->done());
+    CMiniportAmbrel *m = miniport();
+    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&m->m_Lock);
+    EXPECT_EQ(m->m_Fifo.m_PendingReadIrp, irp);
+    m->m_Fifo.m_PendingReadIrp = NULL;
+    KeReleaseSpinLock(&m->m_Lock, irql);
+    irp->IoStatus.Status = STATUS_CANCELLED;
+    irp->IoStatus.Information = 0;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    ASSERT_TRUE(read->wait(10s));
+    EXPECT_EQ(readNow(16), (Bytes{0xC0, 0x05}));
+
+    // Once removal has begun the parked read is finished without data.
+    auto last = app().readAsync(app_, 16);
+    InterlockedExchange(&controlDeviceRemoved, 1);
+    ASSERT_EQ(pin->send({0x80, 0x3C, 0x00}), STATUS_SUCCESS);
+    InterlockedExchange(&controlDeviceRemoved, 0);
+    ASSERT_TRUE(last->wait(10s));
+    EXPECT_EQ(last->status(), STATUS_SERVER_DISABLED);
+    EXPECT_EQ(last->information(), 0u);
 }
 
 TEST_F(ClientView, ClientPlaysAndTheApplicationReads)

@@ -1,7 +1,10 @@
 // The miniport under concurrent use: several render streams of one port,
 // capture writes from several threads, and the application's close racing
-// property requests. Run under ThreadSanitizer (label "concurrency").
+// clients' property requests. Run under ThreadSanitizer (label "concurrency").
 #include "mp_support.h"
+#include "tests/adapter/adapter_fixture.h"
+
+#include <hostkernel/midiclient.h>
 
 #include <atomic>
 #include <map>
@@ -104,23 +107,19 @@ TEST(MiniportConcurrency, CaptureWritesReachEveryStreamWholeInOneOrder)
     }
 }
 
-TEST(MiniportConcurrency, CloseRacingNameAndCapsRequestsNeverReadsTheRecord)
+// The record is detached and freed at once while caps requests run: any
+// answer that read the record instead of the miniport's copy of the name
+// would read freed memory.
+TEST(MiniportConcurrency, DetachAndFreeRacingCapsRequests)
 {
     const std::u16string name = u"A port whose name is read while it closes";
     PortHarness h(name.c_str());
-    ReadDriver driver(h.miniport);
     std::atomic<bool> closed{false};
     std::atomic<int> detachedAnswers{0};
-    auto hammer = [&](bool caps) {
-        std::vector<uint8_t> value(296);
+    std::thread hammer([&] {
+        Bytes value(296);
         int afterClose = 0;
         for (int i = 0; !closed || ++afterClose < 100; i++) {
-            if (!caps) {
-                // The pin name stays the port's name, before and after.
-                ASSERT_EQ(driver.pinName(value.data(), (ULONG)value.size()).status, STATUS_SUCCESS);
-                ASSERT_EQ(toU16(reinterpret_cast<WCHAR *>(value.data())), name);
-                continue;
-            }
             PCPROPERTY_REQUEST r;
             memset(&r, 0, sizeof(r));
             r.MajorTarget = h.unknown;
@@ -138,10 +137,58 @@ TEST(MiniportConcurrency, CloseRacingNameAndCapsRequestsNeverReadsTheRecord)
                 ASSERT_EQ(text, side + u": " + name);
             }
         }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    h.detach();
+    closed = true;
+    hammer.join();
+    EXPECT_GT(detachedAnswers.load(), 0);
+}
+
+// The application closes its port (the record is detached and freed) while
+// two clients keep asking the port's filter for a pin name and the synth caps.
+class CloseRace : public adaptertest::DriverFixture {
+protected:
+    void SetUp() override { boot(); }
+};
+
+TEST_F(CloseRace, NameAndCapsRequestsNeverReadTheFreedRecord)
+{
+    const std::u16string name = u"A port whose name is read while it closes";
+    hostkernel::Process &app = process(100);
+    hostkernel::Handle handle = openPort(app, u"\\" + name);
+    ASSERT_NE(handle, 0u);
+    auto port = hostkernel::midi::findPort(name);
+    ASSERT_TRUE(port.has_value());
+    std::unique_ptr<hostkernel::midi::Filter> filter;
+    ASSERT_EQ(hostkernel::midi::Filter::open(process(200), port->path, &filter), STATUS_SUCCESS);
+
+    std::atomic<bool> closed{false};
+    std::atomic<int> detachedAnswers{0};
+    auto hammer = [&](bool caps) {
+        int afterClose = 0;
+        for (int i = 0; !closed || ++afterClose < 100; i++) {
+            if (!caps) {
+                // The pin name stays the port's name, before and after.
+                std::u16string pinName;
+                ASSERT_EQ(filter->pinName((ULONG)(i % 5), &pinName), STATUS_SUCCESS);
+                ASSERT_EQ(pinName, name);
+                continue;
+            }
+            SYNTHCAPS synth;
+            ASSERT_EQ(filter->synthCaps((ULONG)(i & 1), &synth), STATUS_SUCCESS);
+            std::u16string text(reinterpret_cast<const char16_t *>(synth.Description));
+            std::u16string side = (i & 1) ? u"Ambrel In" : u"Ambrel Out";
+            if (text == side) {
+                detachedAnswers++;
+            } else {
+                ASSERT_EQ(text, side + u": " + name);
+            }
+        }
     };
     std::thread capsThread(hammer, true), nameThread(hammer, false);
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    h.detach();  // the close: record detached, then freed
+    EXPECT_EQ(app.close(handle), STATUS_SUCCESS);
     closed = true;
     capsThread.join();
     nameThread.join();

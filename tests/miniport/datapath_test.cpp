@@ -1,9 +1,7 @@
 // The render path (events played to a render stream become whole messages
-// in the port FIFO and complete a parked read) and the capture path (each
+// in the port FIFO, retried while it is full) and the capture path (each
 // application write becomes one event list for every running capture stream).
 #include "mp_support.h"
-
-#include "adapter/amadapter.h"
 
 #include <chrono>
 #include <thread>
@@ -140,74 +138,6 @@ TEST(Render, StreamOfAClosedPortKeepsItsEvents)
     ASSERT_TRUE(eventually([&] { return log.count("amTimerDPC +++++ done") >= 2; }));
     EXPECT_EQ(h.allocator.outstanding(), 1);
     EXPECT_TRUE(h.readFifo().empty());
-}
-
-TEST(Render, ParkedReadIsCompletedWithWhatFits)
-{
-    for (auto [length, left] : std::vector<std::pair<ULONG, Bytes>>{{16, {}}, {2, {0x40}}}) {
-        SCOPED_TRACE(length);
-        PortHarness h;
-        ReadDriver driver(h.miniport);
-        PMXF s = h.newStream(DMUS_STREAM_MIDI_RENDER);
-        auto read = driver.read(length);
-        EXPECT_FALSE(read->wait(10ms));
-        h.play(s, h.allocator.event({0x90, 0x3C, 0x40}));
-        ASSERT_TRUE(read->wait(10s));
-        EXPECT_EQ(read->status(), STATUS_SUCCESS);
-        EXPECT_EQ(read->result().priorityBoost, IO_SOUND_INCREMENT);
-        Bytes got(read->output().begin(), read->output().begin() + read->information());
-        EXPECT_EQ(got + left, (Bytes{0x90, 0x3C, 0x40}));
-        EXPECT_EQ(h.readFifo(), left);
-    }
-}
-
-TEST(Render, ParkedReadGetsNoDataOnceRemovalHasBegun)
-{
-    PortHarness h;
-    ReadDriver driver(h.miniport);
-    PMXF s = h.newStream(DMUS_STREAM_MIDI_RENDER);
-    auto read = driver.read(16);
-    InterlockedExchange(&controlDeviceRemoved, 1);
-    h.play(s, h.allocator.event({0x90, 0x3C, 0x40}));
-    InterlockedExchange(&controlDeviceRemoved, 0);
-    ASSERT_TRUE(read->wait(10s));
-    EXPECT_EQ(read->status(), STATUS_SERVER_DISABLED);
-    EXPECT_EQ(read->information(), 0u);
-    EXPECT_TRUE(h.readFifo().empty());
-}
-
-TEST(Render, ReadBeingCancelledIsLeftToItsCanceller)
-{
-    PortHarness h;
-    ReadDriver driver(h.miniport);
-    PMXF s = h.newStream(DMUS_STREAM_MIDI_RENDER);
-    auto read = driver.read(16);
-    ASSERT_FALSE(read->wait(10ms));
-    PIRP irp = read->irp();
-    // The canceller has taken the routine but not yet emptied the slot.
-    ASSERT_NE(IoSetCancelRoutine(irp, NULL), nullptr);
-    h.play(s, h.allocator.event({0x90, 0x3C, 0x40}));
-    EXPECT_FALSE(read->done());
-    EXPECT_EQ(h.miniport->m_Fifo.m_PendingReadIrp, irp);
-
-    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&h.miniport->m_Lock);
-    h.miniport->m_Fifo.m_PendingReadIrp = NULL;
-    KeReleaseSpinLock(&h.miniport->m_Lock, irql);
-    irp->IoStatus.Status = STATUS_CANCELLED;
-    irp->IoStatus.Information = 0;
-    IoCompleteRequest(irp, IO_NO_INCREMENT);
-    ASSERT_TRUE(read->wait(10s));
-    EXPECT_EQ(h.readFifo(), (Bytes{0x90, 0x3C, 0x40}));
-
-    // Cancelled for real, and the next read gets the next message.
-    auto second = driver.read(16);
-    EXPECT_EQ(second->cancel(), STATUS_SUCCESS);
-    ASSERT_TRUE(second->wait(10s));
-    EXPECT_EQ(second->status(), STATUS_CANCELLED);
-    auto third = driver.read(16);
-    h.play(s, h.allocator.event({0xC0, 0x05}));
-    ASSERT_TRUE(third->wait(10s));
-    EXPECT_EQ(third->information(), 2u);
 }
 
 // ------------------------------------------------------------------ capture

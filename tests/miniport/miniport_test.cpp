@@ -112,38 +112,6 @@ TEST(Miniport, PowerPinCountAndIntersectionChangeNothingElse)
               STATUS_NOT_IMPLEMENTED);
 }
 
-TEST(Miniport, PinNamesAreThePortNameAlsoAfterClose)
-{
-    PortHarness h(u"Piano");
-    ReadDriver driver(h.miniport);
-    struct Row {
-        ULONG length;
-        NTSTATUS status;
-        ULONG_PTR information;
-    } rows[] = {{0, STATUS_BUFFER_OVERFLOW, 12}, {11, STATUS_BUFFER_TOO_SMALL, 0}, {12, STATUS_SUCCESS, 12},
-                {40, STATUS_SUCCESS, 12}};
-    for (bool detached : {false, true}) {
-        if (detached) {
-            h.detach();
-        }
-        for (const Row &row : rows) {
-            SCOPED_TRACE(testing::Message() << row.length << (detached ? " detached" : ""));
-            Bytes out(64, 0xCC);
-            hostkernel::IoResult r = driver.pinName(out.data(), row.length);
-            EXPECT_EQ(r.status, row.status);
-            EXPECT_EQ(r.information, row.information);
-            if (row.status == STATUS_SUCCESS) {
-                EXPECT_EQ(toU16(reinterpret_cast<const WCHAR *>(out.data())), u"Piano");
-            } else {
-                EXPECT_EQ(out[0], 0xCC);  // nothing written
-            }
-            for (ULONG i = 12; i < row.length; i++) {
-                EXPECT_EQ(out[i], 0) << i;  // the rest of the buffer is zeroed
-            }
-        }
-    }
-}
-
 // ------------------------------------------------------------------ filter description
 
 TEST(FilterDescription, DirectionChoosesPinsConnectionsAndCategories)

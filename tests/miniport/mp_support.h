@@ -1,8 +1,7 @@
 // Test support for the miniport unit: small stand-ins for the framework
 // objects it talks to (DMus port, master clock, event allocator, capture
-// sink), a harness that creates and initialises a port's miniport the way
-// publication and the DMus port do, and a tiny driver whose reads park in the
-// miniport's read slot as the control device's do.
+// sink) and a harness that creates and initialises a port's miniport the way
+// publication and the DMus port do.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,7 +15,6 @@
 #include <vector>
 
 #include <hostkernel/executive.h>
-#include <hostkernel/io.h>
 
 #include "miniport/amminiport.h"
 
@@ -191,22 +189,6 @@ public:
     PUNKNOWN unknown = nullptr;
     PSERVICEGROUP group = nullptr;
     std::vector<PMXF> streams;
-};
-
-// Reads through a tiny driver of the test's own: its device's reads park in
-// the miniport's read slot with a cancel routine, as the control device's
-// do; a device control asks the miniport for a pin name with the request.
-class ReadDriver {
-public:
-    explicit ReadDriver(CMiniportAmbrel *miniport);
-    ~ReadDriver();
-    std::shared_ptr<hostkernel::Request> read(ULONG length);
-    hostkernel::IoResult pinName(void *output, ULONG length);
-
-private:
-    PDRIVER_OBJECT driver_ = nullptr;
-    hostkernel::Process process_{4711};
-    hostkernel::Handle handle_ = 0;
 };
 
 // Waits for a condition that the retry timer or another thread makes true;
