@@ -31,9 +31,11 @@ TEST(Render, EventsBecomeWholeMessages)
         const char *what;
         std::vector<Bytes> events;
         Bytes fifo;
+        bool listPerEvent = false;
     } rows[] = {
         {"note on", {{0x90, 0x3C, 0x40}}, {0x90, 0x3C, 0x40}},
         {"split across events", {{0x90, 0x3C}, {0x40}}, {0x90, 0x3C, 0x40}},
+        {"split across lists", {{0x90}, {0x3C}, {0x40, 0x80}, {0x3C, 0x00}}, {0x90, 0x3C, 0x40, 0x80, 0x3C, 0x00}, true},
         {"real time inside", {{0x90, 0x3C, 0xF8, 0x40}}, {0xF8, 0x90, 0x3C, 0x40}},
         {"running status", {{0x90, 0x3C, 0x40, 0x3C, 0x00}}, {0x90, 0x3C, 0x40, 0x90, 0x3C, 0x00}},
         {"empty event", {{}}, {}},
@@ -46,7 +48,12 @@ TEST(Render, EventsBecomeWholeMessages)
         PDMUS_KERNEL_EVENT head = NULL, *link = &head;
         for (const Bytes &e : row.events) {
             *link = h.allocator.event(e);
-            link = &(*link)->pNextEvt;
+            if (row.listPerEvent) {
+                h.play(s, head);
+                head = NULL;
+            } else {
+                link = &(*link)->pNextEvt;
+            }
         }
         h.play(s, head);
         EXPECT_EQ(h.allocator.returned(), (long)row.events.size());
