@@ -65,6 +65,8 @@ enum class IoFault {
 // (ignored for MapMdl, which has no status). One fault per kind is armed.
 void injectIoFault(IoFault fault, NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES, unsigned skip = 0);
 void clearIoFaults();
+// Still armed: the faulted call has not come yet (a sweep's end test).
+bool ioFaultArmed(IoFault fault);
 
 // ------------------------------------------------------------------ requests
 using Handle = std::uint64_t; // per process; 0 is never a valid handle

@@ -46,6 +46,8 @@ enum class Op { Open, Create, Query, Set, DeleteValue };
 // fault per kind is armed at a time.
 void failNext(Op op, NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES, unsigned skip = 0);
 void clearFaults();
+// Still armed: the faulted call has not come yet (a sweep's end test).
+bool faultArmed(Op op);
 
 size_t openHandleCount();
 // Paths of the keys behind the handles still open.

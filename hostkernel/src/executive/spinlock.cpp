@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "hk/ke.h"
+#include "hostkernel/delay.h"
 #include "internal.h"
 
 namespace {
@@ -214,6 +215,7 @@ void acquire(PKSPIN_LOCK lock, KIRQL savedIrql, const char *routine, const void 
     // Checked before spinning: an order that can deadlock is reported
     // instead of hanging on the day it does deadlock.
     recordOrder(lock, site);
+    hostkernel::detail::delayPoint(hostkernel::DelayPoint::SpinLockAcquire);
     spinAcquire(lock);
     heldLocks.push_back({lock, savedIrql, site});
     heldEverywhere.fetch_add(1, std::memory_order_relaxed);
@@ -239,6 +241,7 @@ KIRQL release(PKSPIN_LOCK lock, const char *routine, const void *site)
     KIRQL saved = heldLocks[index].savedIrql;
     heldLocks.erase(heldLocks.begin() + ptrdiff_t(index));
     heldEverywhere.fetch_sub(1, std::memory_order_relaxed);
+    hostkernel::detail::delayPoint(hostkernel::DelayPoint::SpinLockRelease);
     __atomic_store_n(lock, ULONG_PTR(0), __ATOMIC_RELEASE);
     return saved;
 }

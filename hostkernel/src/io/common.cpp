@@ -298,6 +298,12 @@ void injectIoFault(IoFault fault, NTSTATUS status, unsigned skip)
     detail::faults[int(fault)] = {true, skip, status};
 }
 
+bool ioFaultArmed(IoFault fault)
+{
+    std::lock_guard<std::mutex> lock(detail::faultMutex);
+    return detail::faults[int(fault)].armed;
+}
+
 void clearIoFaults()
 {
     std::lock_guard<std::mutex> lock(detail::faultMutex);

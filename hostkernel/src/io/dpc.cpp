@@ -7,6 +7,7 @@
 #include <chrono>
 #include <deque>
 
+#include "hostkernel/delay.h"
 #include "internal.h"
 
 namespace hostkernel::detail {
@@ -187,6 +188,7 @@ private:
                 lock.unlock();
                 KIRQL old;
                 KeRaiseIrql(DISPATCH_LEVEL, &old);
+                delayPoint(DelayPoint::DpcDelivery);
                 routine(dpc, context, argument1, argument2);
                 KIRQL after = KeGetCurrentIrql();
                 if (after != DISPATCH_LEVEL) {

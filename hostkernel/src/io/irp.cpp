@@ -7,6 +7,7 @@
 // a late cancel or a second completion finds a live packet to report on.
 #include <cstdlib>
 
+#include "hostkernel/delay.h"
 #include "internal.h"
 
 namespace hostkernel::detail {
@@ -243,6 +244,7 @@ NTSTATUS IoCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp)
 void IoCompleteRequest(PIRP Irp, CCHAR PriorityBoost)
 {
     requireIrqlAtMost(DISPATCH_LEVEL, "IoCompleteRequest");
+    delayPoint(DelayPoint::IrpCompletion);
     IrpRecord *record = irpRecordOf(Irp, "IoCompleteRequest");
     std::shared_ptr<IrpRecord> keep = record->shared_from_this();
     if (record->finished || record->completing.exchange(true) || Irp->CurrentLocation > Irp->StackCount) {

@@ -696,6 +696,12 @@ void failNext(Op op, NTSTATUS status, unsigned skip)
     gFaults[int(op)] = {true, skip, status};
 }
 
+bool faultArmed(Op op)
+{
+    std::lock_guard<std::mutex> lock(gMutex);
+    return gFaults[int(op)].armed;
+}
+
 void clearFaults()
 {
     std::lock_guard<std::mutex> lock(gMutex);
