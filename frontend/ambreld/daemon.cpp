@@ -504,7 +504,7 @@ void opReleasedir(fuse_req_t req, fuse_ino_t, struct fuse_file_info *)
     fuse_reply_err(req, 0);
 }
 
-std::string infoText(const PortView &p)
+std::string infoText(hk::Process &reader, const PortView &p)
 {
     std::ostringstream out;
     out << "name: " << utf16ToUtf8(p.name) << "\n";
@@ -519,7 +519,7 @@ std::string infoText(const PortView &p)
     out << "direction: " << direction << "\n";
     std::u16string nameGuid = nameGuidOf(p.name);
     out << "name-guid: " << (nameGuid.empty() ? "-" : utf16ToUtf8(nameGuid)) << "\n";
-    out << describeFilter(p);
+    out << describeFilter(reader, p);
     std::shared_ptr<hk::Process> owner;
     hk::Handle handle = 0;
     if (ownerOf(p.referenceString, &owner, &handle) != nullptr) {
@@ -538,13 +538,27 @@ std::string infoText(const PortView &p)
     return out.str();
 }
 
-void replyOpen(fuse_req_t req, struct fuse_file_info *fi, OpenFile *file)
+// The kernel's answer to an open, as <linux/fuse.h> lays it out. libfuse
+// cannot say FOPEN_STREAM, and without it the kernel serialises every read
+// and write on one descriptor: a thread waiting in read() would hold up
+// another thread's write() to the same port.
+struct OpenReply {
+    std::uint64_t fh;
+    std::uint32_t openFlags;
+    std::uint32_t padding;
+};
+constexpr std::uint32_t kOpenDirectIo = 1u << 0;    // FOPEN_DIRECT_IO
+constexpr std::uint32_t kOpenNonSeekable = 1u << 2; // FOPEN_NONSEEKABLE
+constexpr std::uint32_t kOpenStream = 1u << 4;      // FOPEN_STREAM
+
+void replyOpen(fuse_req_t req, struct fuse_file_info *, OpenFile *file)
 {
-    fi->fh = reinterpret_cast<uint64_t>(file);
-    fi->direct_io = 1;
-    fi->nonseekable = file->kind != Kind::Info;
+    OpenReply reply{reinterpret_cast<std::uint64_t>(file), kOpenDirectIo, 0};
+    if (file->kind != Kind::Info) {
+        reply.openFlags |= kOpenNonSeekable | kOpenStream;
+    }
     addFile(file);
-    if (fuse_reply_open(req, fi) != 0) {
+    if (fuse_reply_buf(req, reinterpret_cast<const char *>(&reply), sizeof reply) != 0) {
         // The opener went away before the answer (interrupted open): no
         // release will come for this file.
         if (removeFile(file)) {
@@ -618,8 +632,14 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi)
             fuse_reply_err(req, EACCES);
             return;
         }
+        const fuse_ctx *ctx = fuse_req_ctx(req);
+        if (ctx->pid <= 0) {
+            fuse_reply_err(req, EPERM);
+            return;
+        }
+        // The filter is opened as the reader, as any MIDI client would.
         auto file = std::make_unique<InfoFile>();
-        file->text = infoText(p);
+        file->text = infoText(*gState->processes.get(std::uint64_t(ctx->pid)), p);
         replyOpen(req, fi, file.release());
         return;
     }
@@ -1051,23 +1071,29 @@ int run(const Config &config)
                     struct fuse_loop_config *loop = fuse_loop_cfg_create();
                     fuse_loop_cfg_set_max_threads(loop, 64);
                     fuse_loop_cfg_set_idle_threads(loop, 8);
-                    rc = fuse_session_loop_mt(se, loop) == 0 ? 0 : 1;
+                    // A loop ended by SIGINT/SIGTERM/SIGHUP answers the signal's number.
+                    int res = fuse_session_loop_mt(se, loop);
+                    rc = res == 0 || res == SIGINT || res == SIGTERM || res == SIGHUP ? 0 : 1;
                     fuse_loop_cfg_destroy(loop);
                 }
-                // Every port is withdrawn before the mount goes: removal
-                // first (waiting reads end), then every file the kernel still
-                // has open here is closed in the host kernel.
-                system.removeAdapter();
+                // Every port is withdrawn before the mount goes: the files
+                // the kernel still has open here are closed in the host
+                // kernel, clients' pins first, then the owners' handles
+                // (their waiting reads end, their ports are withdrawn); the
+                // adapter's removal then finds nothing left to tear down.
                 std::vector<OpenFile *> left;
                 {
                     std::lock_guard<std::mutex> lock(state.filesMutex);
                     left.assign(state.files.begin(), state.files.end());
                     state.files.clear();
                 }
+                std::stable_partition(left.begin(), left.end(),
+                                      [](OpenFile *f) { return f->kind != Kind::Control; });
                 for (OpenFile *f : left) {
                     f->shut();
                     delete f;
                 }
+                system.removeAdapter();
                 fuse_session_unmount(se);
                 std::fprintf(stderr, "ambreld: unmounted %s\n", config.mount.c_str());
             }

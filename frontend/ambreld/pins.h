@@ -38,8 +38,8 @@ public:
 // reads as EBUSY.
 int errnoFromPinStatus(NTSTATUS status);
 
-// "pin N: ..." / "caps node N: ..." / "component-...: ..." lines: what a MIDI
-// client learns from the port's filter.
-std::string describeFilter(const PortView &port);
+// "pin N: ...", "caps node N: ...", "manufacturer: ..." lines: what a MIDI
+// client learns from the port's filter, asked as `process`.
+std::string describeFilter(hostkernel::Process &process, const PortView &port);
 
 } // namespace ambreld

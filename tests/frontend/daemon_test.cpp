@@ -1,0 +1,402 @@
+// ambreld from the outside: ports created by opening files, played to and
+// recorded from by other processes, and the daemon surviving what those
+// processes do.
+#include "daemon_fixture.h"
+
+#include <pthread.h>
+#include <sys/statfs.h>
+
+#include <atomic>
+
+#include "ambrel/ambrel.hpp"
+
+namespace fetest {
+namespace {
+
+using namespace std::chrono_literals;
+
+const Bytes kNoteOn{0x90, 0x3C, 0x64};
+
+TEST_F(DaemonTest, OwnerAndClientsRoundTripThroughLibraryAndCommand)
+{
+    ambrel::Options options;
+    options.root = mount_;
+    options.sysexSize = 65536;
+    options.manufacturer = ambrel::parseGuid("{0A1B2C3D-4E5F-4A6B-8C7D-9E0F1A2B3C4D}");
+    ambrel::Port port("Piano", options);
+
+    // A recorder first; the owner knows it is there once its pid is listed.
+    Command monitor(cli({"monitor", "Piano", "--count", "2", "--raw"}));
+    ASSERT_TRUE(eventually([&] { return !port.processIds().empty(); }));
+    EXPECT_EQ(port.processIds(), std::vector<std::uint64_t>{std::uint64_t(monitor.pid())});
+
+    // Nothing played yet: a read with a timeout comes back empty.
+    std::uint8_t buf[64];
+    EXPECT_EQ(port.read(buf, sizeof buf, 50ms), 0u);
+
+    Command send(cli({"send", "Piano", "90 3C 64"}));
+    ASSERT_EQ(send.wait(), 0);
+    size_t n = port.read(buf, sizeof buf, 5000ms);
+    EXPECT_EQ(Bytes(buf, buf + n), kNoteOn);
+
+    port.write(Bytes{0x80, 0x3C, 0x00});
+    port.write(Bytes{0xF0, 0x7D, 0x01, 0xF7});
+    ASSERT_EQ(monitor.wait(), 0);
+    std::string printed = monitor.output();
+    EXPECT_NE(printed.find("80 3C 00\n"), std::string::npos) << printed;
+    EXPECT_NE(printed.find("F0 7D 01 F7\n"), std::string::npos) << printed;
+
+    std::string info = slurp(portFile("Piano", AMBREL_INFO_FILE));
+    for (std::string line : {"name: Piano\n", "direction: render capture\n", "caps node 0: Ambrel Out: Piano\n",
+                             "caps node 1: Ambrel In: Piano\n", "manufacturer: {0A1B2C3D-4E5F-4A6B-8C7D-9E0F1A2B3C4D}\n",
+                             "pin 0: in sink, 0/8 open, MIDI, name \"Piano\"\n"}) {
+        EXPECT_NE(info.find(line), std::string::npos) << line << " in\n" << info;
+    }
+    EXPECT_NE(info.find("owner: " + std::to_string(getpid()) + "\n"), std::string::npos) << info;
+
+    Command list(cli({"list"}));
+    ASSERT_EQ(list.wait(), 0);
+    EXPECT_NE(list.output().find("Piano"), std::string::npos);
+
+    port.close();
+    EXPECT_TRUE(eventually([&] { return !exists(portFile("Piano", "")); }));
+}
+
+TEST_F(DaemonTest, OpensThatFailGetTheirErrnoAndChangeNothing)
+{
+    int first = openFile(path("Piano"), O_RDWR);
+    ASSERT_GE(first, 0);
+    struct Case {
+        std::string path;
+        int flags;
+        int error;
+    } cases[] = {
+        {path("Piano"), O_RDWR, EEXIST},              // the name is taken
+        {path("Piano\\8192"), O_RDONLY, EEXIST}, // same name with a size
+        {path("::"), O_RDWR, EINVAL},              // nothing left after the name filter
+        {path("\\Piano"), O_RDWR, EINVAL},       // doubled separator: empty name
+        {path(std::string(255, 'a')), O_RDWR, EINVAL}, // 255 characters: one too many
+        {path(std::string(600, 'a')), O_RDWR, EINVAL}, // longer than a file name the driver reads
+        {portFile("Nope", AMBREL_OUT_FILE), O_WRONLY, ENOENT},
+        {portFile("Piano", AMBREL_OUT_FILE), O_RDONLY, EACCES}, // out is for playing
+        {portFile("Piano", AMBREL_IN_FILE), O_WRONLY, EACCES},  // in is for recording
+        {portFile("Piano", AMBREL_INFO_FILE), O_RDWR, EACCES},
+        {portFile("Piano", "other"), O_RDONLY, ENOENT},
+        {path(AMBREL_PORTS_DIR), O_WRONLY, EISDIR},
+    };
+    for (const Case &c : cases) {
+        int fd = openFile(c.path, c.flags);
+        EXPECT_EQ(fd, -c.error) << c.path;
+    }
+    int longest = openFile(path(std::string(254, 'a')), O_RDWR);
+    EXPECT_GE(longest, 0);
+    // Every name below the root is a control file, so nothing can be made
+    // there; nothing can be made or removed among the ports either.
+    EXPECT_EQ(mkdir(path("dir").c_str(), 0755), -1);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(mkdir(portFile("New", "").c_str(), 0755), -1);
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(unlink(path("Piano").c_str()), -1);
+    EXPECT_EQ(errno, EPERM);
+
+    // Bad ioctls: an unknown code reaches the driver and is refused; files
+    // other than a port's own take none.
+    int value = 0;
+    EXPECT_EQ(ioctl(first, _IOR('x', 7, int), &value), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    int info = openFile(portFile("Piano", AMBREL_INFO_FILE), O_RDONLY);
+    ASSERT_GE(info, 0);
+    struct ambrel_process_ids ids = {};
+    EXPECT_EQ(ioctl(info, AMBREL_IOC_PROCESS_IDS, &ids), -1);
+    EXPECT_EQ(errno, ENOTTY);
+
+    // Nothing of the failures stuck: the first port works, the name is free
+    // once it closes, and a port may be called "ports" (with its separator).
+    Command send(cli({"send", "Piano", "90 3C 64"}));
+    ASSERT_EQ(send.wait(), 0);
+    EXPECT_EQ(readBytes(first, 3), kNoteOn);
+    closeFile(first);
+    EXPECT_TRUE(eventually([&] { return !exists(portFile("Piano", "")); }));
+    EXPECT_GE(openFile(path("Piano"), O_RDWR), 0);
+    EXPECT_GE(openFile(path("ports\\"), O_RDWR), 0);
+    EXPECT_TRUE(exists(portFile("ports", AMBREL_INFO_FILE)));
+}
+
+TEST_F(DaemonTest, AccessModeChoosesTheDirection)
+{
+    struct Case {
+        const char *name;
+        int flags;
+        bool out, in;
+        const char *direction;
+    } cases[] = {
+        {"ReadOnly", O_RDONLY, true, false, "render"},
+        {"WriteOnly", O_WRONLY, false, true, "capture"},
+        {"Both", O_RDWR, true, true, "render capture"},
+    };
+    for (const Case &c : cases) {
+        int fd = openFile(path(c.name), c.flags);
+        ASSERT_GE(fd, 0) << c.name;
+        EXPECT_EQ(exists(portFile(c.name, AMBREL_OUT_FILE)), c.out) << c.name;
+        EXPECT_EQ(exists(portFile(c.name, AMBREL_IN_FILE)), c.in) << c.name;
+        EXPECT_NE(slurp(portFile(c.name, AMBREL_INFO_FILE)).find(std::string("direction: ") + c.direction + "\n"),
+                  std::string::npos)
+            << c.name;
+    }
+    // The command says which side is missing instead of failing obscurely.
+    Command send(cli({"send", "WriteOnly", "90 3C 64"}));
+    EXPECT_EQ(send.wait(), 1);
+}
+
+TEST_F(DaemonTest, SysexUpToThePortSizeArrivesWholeBothWays)
+{
+    int owner = openFile(path("Big\\8192"), O_RDWR);
+    ASSERT_GE(owner, 0);
+    Bytes sysex(8192, 0x11);
+    sysex.front() = 0xF0;
+    sysex.back() = 0xF7;
+    int out = openFile(portFile("Big", AMBREL_OUT_FILE), O_WRONLY);
+    ASSERT_GE(out, 0);
+    ASSERT_EQ(write(out, sysex.data(), sysex.size()), ssize_t(sysex.size()));
+    EXPECT_EQ(readBytes(owner, sysex.size()), sysex);
+
+    // Recording: one read holds the whole message; a buffer too small for it
+    // is refused and the message stays.
+    int in = openFile(portFile("Big", AMBREL_IN_FILE), O_RDONLY);
+    ASSERT_GE(in, 0);
+    ASSERT_TRUE(eventually([&] { return !processIds(owner).empty(); }));
+    ASSERT_EQ(write(owner, sysex.data(), sysex.size()), ssize_t(sysex.size()));
+    Bytes small(100);
+    struct pollfd p = {in, POLLIN, 0};
+    ASSERT_EQ(poll(&p, 1, 5000), 1);
+    EXPECT_EQ(read(in, small.data(), small.size()), -1);
+    EXPECT_EQ(errno, EMSGSIZE);
+    Bytes whole(65536);
+    ssize_t n = read(in, whole.data(), whole.size());
+    whole.resize(size_t(std::max<ssize_t>(n, 0)));
+    EXPECT_EQ(whole, sysex);
+
+    // Writes: up to 524288 bytes in one piece, one more is refused.
+    Bytes big(524289, 0xF8);
+    EXPECT_EQ(write(owner, big.data(), 524288), 524288);
+    EXPECT_EQ(write(owner, big.data(), big.size()), -1);
+    EXPECT_EQ(errno, EMSGSIZE);
+}
+
+TEST_F(DaemonTest, PinKindsStopAtSixteenRenderAndEightCapture)
+{
+    ASSERT_GE(openFile(path("Pins"), O_RDWR), 0);
+    struct Case {
+        const char *file;
+        int flags;
+        int limit;
+    } cases[] = {{AMBREL_OUT_FILE, O_WRONLY, 16}, {AMBREL_IN_FILE, O_RDONLY, 8}};
+    for (const Case &c : cases) {
+        std::vector<int> open;
+        for (int i = 0; i < c.limit; ++i) {
+            int fd = openFile(portFile("Pins", c.file), c.flags);
+            ASSERT_GE(fd, 0) << c.file << " #" << i;
+            open.push_back(fd);
+        }
+        EXPECT_EQ(openFile(portFile("Pins", c.file), c.flags), -EBUSY) << c.file;
+        closeFile(open.back());
+        int again = openFile(portFile("Pins", c.file), c.flags);
+        EXPECT_GE(again, 0) << c.file;
+        // Every pin still carries MIDI (the render ones beyond 8 are
+        // DirectMusic pins).
+        if (c.flags == O_WRONLY) {
+            for (int fd : open) {
+                if (fd != open.back()) {
+                    EXPECT_EQ(write(fd, kNoteOn.data(), 3), 3);
+                }
+            }
+        }
+    }
+}
+
+TEST_F(DaemonTest, ADeadOwnerOrClientLetsGoOfItsPortAndPins)
+{
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    std::string doomed = path("Doomed");
+    Child owner([&] {
+        int fd = ::open(doomed.c_str(), O_RDWR);
+        char c = fd >= 0 ? 'y' : 'n';
+        (void)!::write(ready[1], &c, 1);
+        for (;;) {
+            pause();
+        }
+        return 0;
+    });
+    char c = 0;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    ASSERT_EQ(c, 'y');
+    ASSERT_TRUE(exists(portFile("Doomed", AMBREL_INFO_FILE)));
+    owner.kill();
+    EXPECT_TRUE(eventually([&] { return !exists(portFile("Doomed", "")); }));
+    EXPECT_GE(openFile(doomed, O_RDWR), 0);
+
+    // A client killed while its pin is open leaves the process-id list.
+    int watched = openFile(path("Watched"), O_RDWR);
+    ASSERT_GE(watched, 0);
+    std::string out = portFile("Watched", AMBREL_OUT_FILE);
+    Child client([&] {
+        int fd = ::open(out.c_str(), O_WRONLY);
+        for (;;) {
+            pause();
+        }
+        return fd;
+    });
+    ASSERT_TRUE(eventually([&] { return listed(watched, client.pid()); }));
+    client.kill();
+    EXPECT_TRUE(eventually([&] { return processIds(watched).empty(); }));
+    close(ready[0]);
+    close(ready[1]);
+}
+
+void noop(int) {}
+
+TEST_F(DaemonTest, ASignalCancelsAWaitingReadAndLosesNothing)
+{
+    int owner = openFile(path("Intr"), O_RDWR);
+    ASSERT_GE(owner, 0);
+    struct sigaction sa = {};
+    sa.sa_handler = noop; // no SA_RESTART: the read must come back
+    sigaction(SIGUSR1, &sa, nullptr);
+    pthread_t self = pthread_self();
+    std::thread poke([&] {
+        std::this_thread::sleep_for(300ms);
+        pthread_kill(self, SIGUSR1);
+    });
+    std::uint8_t buf[16];
+    errno = 0;
+    EXPECT_EQ(read(owner, buf, sizeof buf), -1);
+    EXPECT_EQ(errno, EINTR);
+    poke.join();
+    signal(SIGUSR1, SIG_DFL);
+
+    // The cancelled read left no waiting read behind: the next one parks,
+    // and a second one at the same time is refused as busy.
+    std::atomic<ssize_t> got{-2};
+    std::thread reader([&] { got = read(owner, buf, sizeof buf); });
+    std::this_thread::sleep_for(200ms);
+    std::uint8_t other[4];
+    EXPECT_EQ(read(owner, other, sizeof other), -1);
+    EXPECT_EQ(errno, EBUSY);
+    Command send(cli({"send", "Intr", "90 3C 64"}));
+    EXPECT_EQ(send.wait(), 0);
+    reader.join();
+    ASSERT_EQ(got.load(), 3);
+    EXPECT_EQ(Bytes(buf, buf + 3), kNoteOn);
+}
+
+TEST_F(DaemonTest, PollAndNonBlockingReadsOnPortsAndRecorders)
+{
+    int owner = openFile(path("Polled"), O_RDWR | O_NONBLOCK);
+    ASSERT_GE(owner, 0);
+    std::uint8_t buf[16];
+    EXPECT_EQ(read(owner, buf, sizeof buf), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    struct pollfd p = {owner, POLLIN | POLLOUT, 0};
+    ASSERT_EQ(poll(&p, 1, 100), 1);
+    EXPECT_EQ(p.revents, POLLOUT); // writable, nothing to read
+    p.events = POLLIN;
+    EXPECT_EQ(poll(&p, 1, 100), 0);
+
+    Command send(cli({"send", "Polled", "90 3C 64"}));
+    ASSERT_EQ(send.wait(), 0);
+    ASSERT_EQ(poll(&p, 1, 5000), 1);
+    EXPECT_EQ(p.revents & POLLIN, POLLIN);
+    ASSERT_EQ(read(owner, buf, sizeof buf), 3);
+    EXPECT_EQ(Bytes(buf, buf + 3), kNoteOn);
+
+    int in = openFile(portFile("Polled", AMBREL_IN_FILE), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(in, 0);
+    struct pollfd q = {in, POLLIN, 0};
+    EXPECT_EQ(poll(&q, 1, 100), 0);
+    ASSERT_EQ(write(owner, kNoteOn.data(), 3), 3);
+    ASSERT_EQ(poll(&q, 1, 5000), 1);
+    ASSERT_EQ(read(in, buf, sizeof buf), 3);
+    EXPECT_EQ(Bytes(buf, buf + 3), kNoteOn);
+    EXPECT_EQ(read(in, buf, sizeof buf), -1);
+    EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST_F(DaemonTest, FiftyProcessesPlayToEachOtherAtOnce)
+{
+    constexpr int kCount = 50;
+    int go[2];
+    ASSERT_EQ(pipe(go), 0);
+    std::vector<std::unique_ptr<Child>> children;
+    for (int i = 0; i < kCount; ++i) {
+        std::string own = path("P" + std::to_string(i));
+        std::string next = portFile("P" + std::to_string((i + 1) % kCount), AMBREL_OUT_FILE);
+        children.push_back(std::make_unique<Child>([=] {
+            int fd = ::open(own.c_str(), O_RDWR);
+            if (fd < 0) {
+                return 10;
+            }
+            char c;
+            if (::read(go[0], &c, 1) != 1) {
+                return 11;
+            }
+            int out = ::open(next.c_str(), O_WRONLY);
+            std::uint8_t note[3] = {0x90, std::uint8_t(i), 0x40};
+            if (out < 0 || ::write(out, note, 3) != 3) {
+                return 12;
+            }
+            std::uint8_t got[3];
+            struct pollfd p = {fd, POLLIN, 0};
+            if (::poll(&p, 1, 20000) != 1 || ::read(fd, got, 3) != 3) {
+                return 13;
+            }
+            // The previous process's note.
+            return got[1] == std::uint8_t((i + kCount - 1) % kCount) ? 0 : 14;
+        }));
+    }
+    ASSERT_TRUE(eventually([&] {
+        for (int i = 0; i < kCount; ++i) {
+            if (!exists(portFile("P" + std::to_string(i), AMBREL_OUT_FILE))) {
+                return false;
+            }
+        }
+        return true;
+    }, 30));
+    std::string all(kCount, 'g');
+    ASSERT_EQ(write(go[1], all.data(), all.size()), ssize_t(all.size()));
+    for (int i = 0; i < kCount; ++i) {
+        EXPECT_EQ(children[size_t(i)]->wait(60), 0) << "process " << i;
+    }
+    close(go[0]);
+    close(go[1]);
+    EXPECT_TRUE(eventually([&] { return !exists(portFile("P0", "")); }));
+}
+
+TEST_F(DaemonTest, RestartWithdrawsPortsEndsWaitsAndServesAgain)
+{
+    int held = openFile(path("Kept"), O_RDWR);
+    ASSERT_GE(held, 0);
+    std::string waiting = path("Waiting");
+    Child reader([&] {
+        int fd = ::open(waiting.c_str(), O_RDONLY);
+        std::uint8_t b[4];
+        return fd >= 0 && ::read(fd, b, sizeof b) < 0 ? 0 : 1;
+    });
+    ASSERT_TRUE(eventually([&] { return exists(portFile("Waiting", AMBREL_INFO_FILE)); }));
+    std::this_thread::sleep_for(100ms); // the reader is in its read
+
+    EXPECT_EQ(stopDaemon(), 0) << daemonLog();
+    EXPECT_EQ(reader.wait(), 0); // its read failed instead of hanging
+    EXPECT_FALSE(mounted(mount_));
+    std::uint8_t b[4];
+    EXPECT_EQ(read(held, b, sizeof b), -1);
+    closeFile(held);
+
+    startDaemon({"--max-ports", "2"});
+    EXPECT_GE(openFile(path("Kept"), O_RDWR), 0);
+    EXPECT_GE(openFile(path("Second"), O_RDWR), 0);
+    EXPECT_EQ(openFile(path("Third"), O_RDWR), -ENOSPC); // the setting reached the driver
+}
+
+} // namespace
+} // namespace fetest
