@@ -1046,14 +1046,10 @@ int run(const Config &config)
     }
     struct fuse_args args = FUSE_ARGS_INIT(int(argv.size()), argv.data());
 
+    // The host kernel's threads are started only after fuse_daemonize has
+    // forked: a fork would leave them behind in the parent.
     HostSystem system;
-    NTSTATUS status = system.boot(config);
-    if (!NT_SUCCESS(status)) {
-        std::fprintf(stderr, "ambreld: the driver did not start (status 0x%08X)\n", unsigned(status));
-        gState = nullptr;
-        return 1;
-    }
-
+    bool booted = false;
     int rc = 1;
     struct fuse_session *se = fuse_session_new(&args, &ops, sizeof ops, nullptr);
     if (se == nullptr) {
@@ -1065,9 +1061,13 @@ int run(const Config &config)
             if (fuse_session_mount(se, config.mount.c_str()) != 0) {
                 std::fprintf(stderr, "ambreld: cannot mount on %s (is /dev/fuse there, and are you root?)\n",
                              config.mount.c_str());
-            } else {
-                std::fprintf(stderr, "ambreld: serving Ambrel on %s\n", config.mount.c_str());
-                if (fuse_daemonize(config.foreground ? 1 : 0) == 0) {
+            } else if (fuse_daemonize(config.foreground ? 1 : 0) == 0) {
+                NTSTATUS status = system.boot(config);
+                booted = NT_SUCCESS(status);
+                if (!booted) {
+                    std::fprintf(stderr, "ambreld: the driver did not start (status 0x%08X)\n", unsigned(status));
+                } else {
+                    std::fprintf(stderr, "ambreld: serving Ambrel on %s\n", config.mount.c_str());
                     struct fuse_loop_config *loop = fuse_loop_cfg_create();
                     fuse_loop_cfg_set_max_threads(loop, 64);
                     fuse_loop_cfg_set_idle_threads(loop, 8);
@@ -1096,22 +1096,25 @@ int run(const Config &config)
                 system.removeAdapter();
                 fuse_session_unmount(se);
                 std::fprintf(stderr, "ambreld: unmounted %s\n", config.mount.c_str());
+            } else {
+                fuse_session_unmount(se);
             }
             fuse_remove_signal_handlers(se);
         }
         fuse_session_destroy(se);
     }
     fuse_opt_free_args(&args);
-    system.removeAdapter();
-    status = system.unload();
-    if (!NT_SUCCESS(status)) {
-        std::fprintf(stderr, "ambreld: the driver did not unload (status 0x%08X)\n", unsigned(status));
-        rc = 1;
+    if (booted) {
+        NTSTATUS status = system.unload();
+        if (!NT_SUCCESS(status)) {
+            std::fprintf(stderr, "ambreld: the driver did not unload (status 0x%08X)\n", unsigned(status));
+            rc = 1;
+        }
+        // The daemon checks itself as the tests check the driver: anything
+        // the host kernel still holds now is a leak and stops the process.
+        hk::verifyIoQuiescent();
+        hk::verifyQuiescent();
     }
-    // The daemon checks itself as the tests check the driver: anything the
-    // host kernel still holds now is a leak and stops the process.
-    hk::verifyIoQuiescent();
-    hk::verifyQuiescent();
     gState = nullptr;
     return rc;
 }
