@@ -28,6 +28,11 @@
 
 #include "ambrel/mount.h"
 
+// Binaries that use only the process helpers need not say where ambreld is.
+#ifndef AMBRELD_PATH
+#define AMBRELD_PATH ""
+#endif
+
 namespace fetest {
 
 using Bytes = std::vector<std::uint8_t>;

@@ -62,6 +62,38 @@ TEST_F(DaemonTest, OwnerAndClientsRoundTripThroughLibraryAndCommand)
     EXPECT_TRUE(eventually([&] { return !exists(portFile("Piano", "")); }));
 }
 
+TEST_F(DaemonTest, PlayingAFileSendsItsEventsInOrderNeverEarly)
+{
+    // Format 0, 96 ticks per quarter at 120 bpm: notes 0.25 s apart.
+    Bytes track;
+    for (std::uint8_t note : {60, 64, 67}) {
+        Bytes event{note == 60 ? std::uint8_t(0) : std::uint8_t(48), 0x90, note, 100};
+        track.insert(track.end(), event.begin(), event.end());
+    }
+    track.insert(track.end(), {0x00, 0xFF, 0x2F, 0x00});
+    Bytes file{'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, 0, 0, 1, 0, 96, 'M', 'T', 'r', 'k', 0, 0, 0, std::uint8_t(track.size())};
+    file.insert(file.end(), track.begin(), track.end());
+    std::string song = mount_ + ".mid";
+    std::ofstream(song, std::ios::binary).write(reinterpret_cast<const char *>(file.data()), long(file.size()));
+
+    int owner = openFile(path("Player"), O_RDONLY);
+    ASSERT_GE(owner, 0);
+    Command play(cli({"play", "Player", song, "--no-progress"}));
+    std::vector<std::pair<Clock::time_point, std::uint8_t>> notes;
+    while (notes.size() < 3) {
+        Bytes b = readBytes(owner, 3);
+        ASSERT_EQ(b.size(), 3u);
+        notes.emplace_back(Clock::now(), b[1]);
+    }
+    EXPECT_EQ(play.wait(), 0);
+    EXPECT_EQ(notes[0].second, 60);
+    EXPECT_EQ(notes[1].second, 64);
+    EXPECT_EQ(notes[2].second, 67);
+    // Late is possible on a busy machine; early never.
+    EXPECT_GE(notes[2].first - notes[0].first, std::chrono::milliseconds(490));
+    unlink(song.c_str());
+}
+
 TEST_F(DaemonTest, OpensThatFailGetTheirErrnoAndChangeNothing)
 {
     int first = openFile(path("Piano"), O_RDWR);

@@ -1,0 +1,102 @@
+// ambreld's parts that need no mount: its settings file and the UTF-8 /
+// UTF-16 conversion that every name passes through.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+
+#include "daemon.h"
+#include "text.h"
+
+namespace {
+
+std::string writeTemp(const std::string &text)
+{
+    char path[] = "/tmp/ambreld-conf-XXXXXX";
+    int fd = mkstemp(path);
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(write(fd, text.data(), text.size()), ssize_t(text.size()));
+    close(fd);
+    return path;
+}
+
+TEST(AmbreldConfig, FileSettingsFillWhatFlagsLeftOpen)
+{
+    std::string path = writeTemp("# Ambrel\n mount = /srv/midi \nmax-ports=64\nSysexSize = 65536 # bytes\n\nverbose = true\n");
+    ambreld::Config fromFile;
+    std::string error;
+    ASSERT_TRUE(ambreld::readConfigFile(path, &fromFile, &error)) << error;
+    EXPECT_EQ(fromFile.mount, "/srv/midi");
+    EXPECT_EQ(fromFile.maxPorts, 64u);
+    EXPECT_EQ(fromFile.sysexSize, 65536u);
+    EXPECT_TRUE(fromFile.verbose);
+
+    ambreld::Config flags;
+    flags.mount = "/run/x";
+    flags.maxPorts = 3;
+    ASSERT_TRUE(ambreld::readConfigFile(path, &flags, &error)) << error;
+    EXPECT_EQ(flags.mount, "/run/x");
+    EXPECT_EQ(flags.maxPorts, 3u);
+    EXPECT_EQ(flags.sysexSize, 65536u);
+    unlink(path.c_str());
+}
+
+TEST(AmbreldConfig, BadFilesNameTheLineAndTheProblem)
+{
+    struct Case {
+        const char *text;
+        const char *reason;
+    } cases[] = {
+        {"max-ports\n", ":1: expected key = value"},
+        {"\n\nmax-ports = many\n", ":3: max-ports needs a number"},
+        {"sysex-size = 99999999999\n", "sysex-size needs a number"},
+        {"sysex-size = -5\n", "sysex-size needs a number"},
+        {"mount =\n", "mount needs a directory"},
+        {"verbose = maybe\n", "verbose is true or false"},
+        {"colour = blue\n", "unknown setting \"colour\""},
+    };
+    for (const Case &c : cases) {
+        std::string path = writeTemp(c.text);
+        ambreld::Config config;
+        std::string error;
+        EXPECT_FALSE(ambreld::readConfigFile(path, &config, &error)) << c.text;
+        EXPECT_NE(error.find(c.reason), std::string::npos) << error;
+        unlink(path.c_str());
+    }
+    ambreld::Config config;
+    std::string error;
+    EXPECT_FALSE(ambreld::readConfigFile("/nonexistent/ambreld.conf", &config, &error));
+    EXPECT_NE(error.find("cannot read"), std::string::npos);
+}
+
+TEST(AmbreldText, NamesConvertBothWaysAndMalformedUtf8IsRefused)
+{
+    struct Case {
+        std::string utf8;
+        std::u16string utf16;
+    } good[] = {
+        {"Piano", u"Piano"},
+        {"Fl\xC3\xBCgel", u"Fl\u00FCgel"},
+        {"\xE9\x8D\xB5\xE7\x9B\xA4", u"\u9375\u76E4"},
+        {"\xF0\x9F\x8E\xB9", u"\U0001F3B9"},
+        {"", u""},
+    };
+    for (const Case &c : good) {
+        std::u16string out;
+        ASSERT_TRUE(ambreld::utf8ToUtf16(c.utf8, &out)) << c.utf8;
+        EXPECT_EQ(out, c.utf16);
+        EXPECT_EQ(ambreld::utf16ToUtf8(c.utf16), c.utf8);
+    }
+    for (const char *bad : {"\x80", "\xC3", "\xC0\xAF", "\xE0\x80\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80",
+                            "\xF8\x88\x80\x80\x80", "ok\xE2\x82"}) {
+        std::u16string out = u"unchanged";
+        EXPECT_FALSE(ambreld::utf8ToUtf16(bad, &out)) << bad;
+        EXPECT_EQ(out, u"unchanged");
+    }
+    EXPECT_EQ(ambreld::utf16ToUtf8(std::u16string(1, char16_t(0xD800))), "\xEF\xBF\xBD");
+}
+
+} // namespace
