@@ -268,10 +268,11 @@ TEST(DelayStress, WholeDriverUnderInjectedDelays)
             clients.emplace_back([&] { client(r, *processes[4], unsigned(seed + rounds) * 5 + 1); });
             clients.emplace_back([&] { echo(r, *processes[5], *processes[6], unsigned(seed + rounds)); });
             std::this_thread::sleep_for(300ms);
-            // Clients leave before a removal: the framework's pins do not
-            // survive the adapter's removal yet (an open fault of the host's
-            // portcls, see ARCHITECTURE.md), so a removal round races the
-            // owners' control requests and their ports' withdrawal only.
+            // Clients leave before a removal: the host's plug and play still
+            // removes a stack with pins open on it, which Windows vetoes, and
+            // their closes then miss the driver (ARCHITECTURE.md, open
+            // faults). A removal round races the owners' control requests
+            // and their ports' withdrawal only.
             const bool removeMidway = rounds % 2 == 1;
             if (removeMidway) {
                 r.stopClients = true;
