@@ -124,6 +124,17 @@ TEST(LowResources, EveryPoolAllocationOfTheWholeStory)
     EXPECT_GE(r.failedRuns, 7u);
 }
 
+// Several failures in one run, teardown included: seeded random pool
+// failures at one in ten attempts.
+TEST(LowResources, RandomPoolFailuresAcrossTheStory)
+{
+    SweepReport r = sweep(
+        "random pool failures (seed)", [](uint64_t seed) { hk::failPoolAllocationsRandomly(0.1, seed + 1); },
+        [] { return true; }, [] { hk::clearPoolFaults(); }, 100);
+    EXPECT_EQ(r.runs, 100u);
+    EXPECT_GT(r.failedRuns, 20u);
+}
+
 // The platform calls the host kernel can refuse, each call of each kind in
 // turn: device and link creation, MDL mapping, device interfaces, and every
 // registry operation.
