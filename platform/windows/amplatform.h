@@ -79,55 +79,8 @@ DEFINE_GUID(IID_IPinName, 0x29CC9AB1, 0xE89D, 0x413C, 0xB6, 0xB2, 0xF6, 0xD5, 0x
 // The kernel-streaming proxy's class, named in each device interface's "CLSID" value.
 DEFINE_GUID(CLSID_Proxy, 0x17CCA71B, 0xECD7, 0x11D0, 0xB9, 0x08, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96);
 
-// DirectMusic synthesizer properties (dmusprop.h in the WDK).
-DEFINE_GUID(KSPROPSETID_Synth, 0xFEDFAE25, 0xE46E, 0x11D1, 0xAA, 0xCE, 0x00, 0x00, 0xF8, 0x75, 0xAC, 0x12);
-
-typedef enum {
-    KSPROPERTY_SYNTH_VOLUME = 0,
-    KSPROPERTY_SYNTH_VOLUMEBOOST = 1,
-    KSPROPERTY_SYNTH_CAPS = 2,
-    KSPROPERTY_SYNTH_PORTPARAMETERS = 3,
-    KSPROPERTY_SYNTH_CHANNELGROUPS = 4,
-    KSPROPERTY_SYNTH_VOICEPRIORITY = 5,
-    KSPROPERTY_SYNTH_LATENCYCLOCK = 6,
-    KSPROPERTY_SYNTH_RUNNINGSTATS = 7
-} KSPROPERTY_SYNTH;
-
-#define SYNTH_PC_DLS 0x00000001
-#define SYNTH_PC_EXTERNAL 0x00000002
-#define SYNTH_PC_SOFTWARESYNTH 0x00000004
-#define SYNTH_PC_MEMORYSIZEFIXED 0x00000008
-#define SYNTH_PC_GMINHARDWARE 0x00000010
-#define SYNTH_PC_GSINHARDWARE 0x00000020
-#define SYNTH_PC_REVERB 0x00000040
-
-#define SYNTH_PORTPARAMS_VOICES 0x00000001
-#define SYNTH_PORTPARAMS_CHANNELGROUPS 0x00000002
-#define SYNTH_PORTPARAMS_AUDIOCHANNELS 0x00000004
-#define SYNTH_PORTPARAMS_SAMPLERATE 0x00000008
-#define SYNTH_PORTPARAMS_EFFECTS 0x00000020
-#define SYNTH_PORTPARAMS_SHARE 0x00000040
-
-typedef struct _SYNTHCAPS {
-    GUID Guid;
-    DWORD Flags;
-    DWORD MemorySize;
-    DWORD MaxChannelGroups;
-    DWORD MaxVoices;
-    DWORD MaxAudioChannels;
-    DWORD EffectFlags;
-    WCHAR Description[128];
-} SYNTHCAPS, *PSYNTHCAPS;
-
-typedef struct _SYNTH_PORTPARAMS {
-    DWORD ValidParams;
-    DWORD Voices;
-    DWORD ChannelGroups;
-    DWORD AudioChannels;
-    DWORD SampleRate;
-    DWORD EffectsFlags;
-    DWORD Share;
-} SYNTH_PORTPARAMS, *PSYNTH_PORTPARAMS;
+// DirectMusic synthesizer properties (dmusprop.h in the WDK), shared with the host.
+#include "../dmusprop.h"
 
 // DirectMusic kernel event flags and tests (dmusicks.h in the WDK).
 #define DMUS_KEF_EVENT_COMPLETE 0x0000
