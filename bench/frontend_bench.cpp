@@ -391,7 +391,12 @@ struct JackTransport : Transport {
     }
     bool send(const unsigned char *note) override
     {
+        // The ring drains once per cycle; a client jackd has dropped never drains it.
+        std::int64_t start = nowNs();
         while (jack_ringbuffer_write_space(sender.ring) < 3) {
+            if (nowNs() - start > kWaitLimitNs) {
+                return false;
+            }
             sched_yield();
         }
         return jack_ringbuffer_write(sender.ring, reinterpret_cast<const char *>(note), 3) == 3;

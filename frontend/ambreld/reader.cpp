@@ -92,6 +92,12 @@ void AsyncReader::read(fuse_req_t req, std::size_t size, bool nonBlocking)
         }
         return;
     }
+    // An interrupt that came after the check above found no waiter to
+    // cancel; it is seen here, before the pump can take the request.
+    if (fuse_req_interrupted(req)) {
+        fuse_reply_err(req, EINTR);
+        return;
+    }
     waiter_ = req;
     waiterSize_ = size;
     wanted_ = true;

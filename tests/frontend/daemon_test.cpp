@@ -287,6 +287,34 @@ TEST_F(DaemonTest, ADeadOwnerOrClientLetsGoOfItsPortAndPins)
     close(ready[1]);
 }
 
+TEST_F(DaemonTest, AReaderKilledMidStreamDiesAtOnce)
+{
+    // Its last read is interrupted in the daemon whatever step it was in;
+    // a read the daemon never answered would keep the dying process in
+    // the kernel for good.
+    for (int round = 0; round < 10; ++round) {
+        std::string name = "Stream" + std::to_string(round);
+        std::string own = path(name);
+        Child owner([&] {
+            int fd = ::open(own.c_str(), O_RDONLY);
+            std::uint8_t b[4096];
+            while (fd >= 0 && ::read(fd, b, sizeof b) > 0) {
+            }
+            return 1;
+        });
+        ASSERT_TRUE(eventually([&] { return exists(portFile(name, AMBREL_OUT_FILE)); }));
+        int out = openFile(portFile(name, AMBREL_OUT_FILE), O_WRONLY);
+        ASSERT_GE(out, 0);
+        auto until = Clock::now() + std::chrono::milliseconds(20 + 10 * round);
+        while (Clock::now() < until) {
+            ASSERT_EQ(write(out, kNoteOn.data(), 3), 3);
+        }
+        ::kill(owner.pid(), SIGKILL);
+        EXPECT_EQ(owner.wait(10), 128 + SIGKILL) << "round " << round;
+        closeFile(out);
+    }
+}
+
 void noop(int) {}
 
 TEST_F(DaemonTest, ASignalCancelsAWaitingReadAndLosesNothing)
