@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
@@ -76,6 +77,20 @@ private:
     std::mutex mutex_;
     std::unordered_map<std::uint64_t, std::weak_ptr<hk::Process>> table_;
 };
+
+// FUSE names the calling thread; the driver is to see its process.
+std::uint64_t processIdOf(pid_t tid)
+{
+    std::ifstream status("/proc/" + std::to_string(tid) + "/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.compare(0, 5, "Tgid:") == 0) {
+            long tgid = std::strtol(line.c_str() + 5, nullptr, 10);
+            return tgid > 0 ? std::uint64_t(tgid) : std::uint64_t(tid);
+        }
+    }
+    return std::uint64_t(tid); // gone already: its thread id is all there is
+}
 
 // ------------------------------------------------------------------ nodes
 enum class Kind { Root, PortsDir, Control, PortDir, Out, In, Info };
@@ -585,7 +600,7 @@ void openControl(fuse_req_t req, const std::string &fileName, struct fuse_file_i
                          : mode == O_WRONLY ? FILE_GENERIC_WRITE
                                             : FILE_GENERIC_READ | FILE_GENERIC_WRITE;
     auto file = std::make_unique<OwnerFile>();
-    file->process = gState->processes.get(std::uint64_t(ctx->pid));
+    file->process = gState->processes.get(processIdOf(ctx->pid));
     NTSTATUS status = file->process->open(kControlLink + u"\\" + name16, access, &file->handle);
     if (!NT_SUCCESS(status)) {
         file->process.reset();
@@ -639,7 +654,7 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi)
         }
         // The filter is opened as the reader, as any MIDI client would.
         auto file = std::make_unique<InfoFile>();
-        file->text = infoText(*gState->processes.get(std::uint64_t(ctx->pid)), p);
+        file->text = infoText(*gState->processes.get(processIdOf(ctx->pid)), p);
         replyOpen(req, fi, file.release());
         return;
     }
@@ -661,7 +676,7 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi)
             return;
         }
         std::unique_ptr<PinFile> pin;
-        NTSTATUS status = PinFile::open(gState->processes.get(std::uint64_t(ctx->pid)), p, node.kind == Kind::Out,
+        NTSTATUS status = PinFile::open(gState->processes.get(processIdOf(ctx->pid)), p, node.kind == Kind::Out,
                                         &pin);
         if (!NT_SUCCESS(status)) {
             fuse_reply_err(req, errnoFromPinStatus(status));

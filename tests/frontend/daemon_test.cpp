@@ -54,6 +54,16 @@ TEST_F(DaemonTest, OwnerAndClientsRoundTripThroughLibraryAndCommand)
     }
     EXPECT_NE(info.find("owner: " + std::to_string(getpid()) + "\n"), std::string::npos) << info;
 
+    // A pin opened by another thread of a process counts for the process.
+    int threadFd = -1;
+    std::thread([&] { threadFd = openFile(portFile("Piano", AMBREL_OUT_FILE), O_WRONLY); }).join();
+    ASSERT_GE(threadFd, 0);
+    EXPECT_TRUE(eventually([&] {
+        auto ids = port.processIds();
+        return std::find(ids.begin(), ids.end(), std::uint64_t(getpid())) != ids.end();
+    }));
+    closeFile(threadFd);
+
     Command list(cli({"list"}));
     ASSERT_EQ(list.wait(), 0);
     EXPECT_NE(list.output().find("Piano"), std::string::npos);
