@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -53,28 +54,41 @@ const std::u16string kControlLink = u"\\DosDevices\\Ambrel";
 // driver sees (and reports) real pids. It lives while one of its files does.
 class ProcessTable {
 public:
+    // Null only if the host kernel refuses the process (it never should).
     std::shared_ptr<hk::Process> get(std::uint64_t pid)
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (auto p = table_[pid].lock()) {
-            return p;
-        }
-        // The deleter takes the table's lock, so a process is gone from the
-        // host kernel before another of the same pid can be made.
-        std::shared_ptr<hk::Process> p(new hk::Process(pid), [this, pid](hk::Process *dead) {
-            std::lock_guard<std::mutex> g(mutex_);
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (;;) {
             auto it = table_.find(pid);
-            if (it != table_.end() && it->second.expired()) {
-                table_.erase(it);
+            if (it == table_.end()) {
+                break;
             }
-            delete dead;
-        });
+            if (auto p = it->second.lock()) {
+                return p;
+            }
+            // Its last file just went: the host kernel still knows the
+            // process until the deleter has run, and one pid cannot be
+            // live twice there.
+            gone_.wait(lock);
+        }
+        std::shared_ptr<hk::Process> p;
+        try {
+            p.reset(new hk::Process(pid), [this, pid](hk::Process *dead) {
+                delete dead; // closes nothing: every file of it is closed
+                std::lock_guard<std::mutex> g(mutex_);
+                table_.erase(pid);
+                gone_.notify_all();
+            });
+        } catch (const std::exception &) {
+            return nullptr;
+        }
         table_[pid] = p;
         return p;
     }
 
 private:
     std::mutex mutex_;
+    std::condition_variable gone_;
     std::unordered_map<std::uint64_t, std::weak_ptr<hk::Process>> table_;
 };
 
@@ -601,6 +615,10 @@ void openControl(fuse_req_t req, const std::string &fileName, struct fuse_file_i
                                             : FILE_GENERIC_READ | FILE_GENERIC_WRITE;
     auto file = std::make_unique<OwnerFile>();
     file->process = gState->processes.get(processIdOf(ctx->pid));
+    if (!file->process) {
+        fuse_reply_err(req, EIO);
+        return;
+    }
     NTSTATUS status = file->process->open(kControlLink + u"\\" + name16, access, &file->handle);
     if (!NT_SUCCESS(status)) {
         file->process.reset();
@@ -653,8 +671,13 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi)
             return;
         }
         // The filter is opened as the reader, as any MIDI client would.
+        std::shared_ptr<hk::Process> reader = gState->processes.get(processIdOf(ctx->pid));
+        if (!reader) {
+            fuse_reply_err(req, EIO);
+            return;
+        }
         auto file = std::make_unique<InfoFile>();
-        file->text = infoText(*gState->processes.get(processIdOf(ctx->pid)), p);
+        file->text = infoText(*reader, p);
         replyOpen(req, fi, file.release());
         return;
     }
@@ -675,9 +698,13 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi)
             fuse_reply_err(req, EPERM);
             return;
         }
+        std::shared_ptr<hk::Process> client = gState->processes.get(processIdOf(ctx->pid));
+        if (!client) {
+            fuse_reply_err(req, EIO);
+            return;
+        }
         std::unique_ptr<PinFile> pin;
-        NTSTATUS status = PinFile::open(gState->processes.get(processIdOf(ctx->pid)), p, node.kind == Kind::Out,
-                                        &pin);
+        NTSTATUS status = PinFile::open(std::move(client), p, node.kind == Kind::Out, &pin);
         if (!NT_SUCCESS(status)) {
             fuse_reply_err(req, errnoFromPinStatus(status));
             return;

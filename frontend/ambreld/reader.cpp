@@ -19,8 +19,7 @@ AsyncReader::~AsyncReader()
 {
     if (thread_.joinable()) {
         stop();
-        cancel_();
-        thread_.join();
+        join();
     }
     if (poll_ != nullptr) {
         fuse_pollhandle_destroy(poll_);
@@ -139,9 +138,24 @@ void AsyncReader::stop()
 
 void AsyncReader::join()
 {
-    if (thread_.joinable()) {
-        thread_.join();
+    if (!thread_.joinable()) {
+        return;
     }
+    // A fetch that started just before stop() may reach the driver after
+    // the handle's cleanup, and nothing would ever finish it: cancel it
+    // until the pump is out.
+    std::unique_lock<std::mutex> lock(m_);
+    while (!pumpExited_) {
+        if (context_ != nullptr) {
+            context_->cancelled = true;
+        }
+        lock.unlock();
+        cancel_();
+        lock.lock();
+        cv_.wait_for(lock, std::chrono::milliseconds(10), [&] { return pumpExited_; });
+    }
+    lock.unlock();
+    thread_.join();
 }
 
 void AsyncReader::deliverLocked()
@@ -226,6 +240,8 @@ void AsyncReader::pump()
         }
         cv_.notify_all();
     }
+    pumpExited_ = true;
+    cv_.notify_all();
 }
 
 } // namespace ambreld

@@ -56,9 +56,10 @@ public:
     // Readiness bits for a poll request (POLLIN when data or an error waits);
     // arms a fetch and keeps `ph` to notify otherwise.
     unsigned poll(fuse_pollhandle *ph);
-    // No fetch starts after this. The caller ends a running fetch (closing
-    // the handle) before calling join().
+    // No fetch starts after this.
     void stop();
+    // Waits for the reader's thread, cancelling a fetch still running (the
+    // caller normally ends it first by closing the handle).
     void join();
 
 private:
@@ -85,6 +86,7 @@ private:
     FetchContext *context_ = nullptr; // of the running fetch
     std::uint64_t fetchCount_ = 0; // fetches finished
     bool stopping_ = false;
+    bool pumpExited_ = false;
     fuse_pollhandle *poll_ = nullptr;
     std::thread thread_;
 };

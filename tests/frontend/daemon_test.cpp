@@ -443,6 +443,94 @@ TEST_F(DaemonTest, FiftyProcessesPlayToEachOtherAtOnce)
     EXPECT_TRUE(eventually([&] { return !exists(portFile("P0", "")); }));
 }
 
+TEST_F(DaemonTest, SurvivesRandomOperationsFromManyProcesses)
+{
+    // Each child runs its own random mix of opens (good and bad names, every
+    // access mode, port files), writes of random bytes, non-blocking reads,
+    // polls, ioctls and closes; one is killed half-way. Afterwards the
+    // daemon must still serve, and shut down without a leak (TearDown).
+    const std::vector<std::string> names{"A", "B", "C", "A\\8192", "::", std::string(300, 'x'), "B\\\\{bad}"};
+    const std::vector<std::string> files{AMBREL_OUT_FILE, AMBREL_IN_FILE, AMBREL_INFO_FILE, "nope"};
+    std::vector<std::unique_ptr<Child>> children;
+    for (unsigned seed = 1; seed <= 8; ++seed) {
+        children.push_back(std::make_unique<Child>([&, seed] {
+            unsigned state = seed * 2654435761u;
+            auto next = [&](unsigned n) {
+                state = state * 1103515245u + 12345u;
+                return (state >> 8) % n;
+            };
+            std::vector<int> fds;
+            std::uint8_t buf[700];
+            for (int op = 0; op < 300; ++op) {
+                int fd = fds.empty() ? -1 : fds[next(unsigned(fds.size()))];
+                switch (next(7)) {
+                case 0: {
+                    int modes[] = {O_RDONLY, O_WRONLY, O_RDWR};
+                    int f = ::open(path(names[next(unsigned(names.size()))]).c_str(), modes[next(3)] | O_NONBLOCK);
+                    if (f >= 0) {
+                        fds.push_back(f);
+                    }
+                    break;
+                }
+                case 1: {
+                    const std::string &file = files[next(unsigned(files.size()))];
+                    int f = ::open(portFile(names[next(3)], file.c_str()).c_str(),
+                                   (file == AMBREL_OUT_FILE ? O_WRONLY : O_RDONLY) | O_NONBLOCK);
+                    if (f >= 0) {
+                        fds.push_back(f);
+                    }
+                    break;
+                }
+                case 2:
+                    if (fd >= 0) {
+                        for (auto &b : buf) {
+                            b = std::uint8_t(next(256));
+                        }
+                        (void)!::write(fd, buf, 1 + next(sizeof buf - 1));
+                    }
+                    break;
+                case 3:
+                    if (fd >= 0) {
+                        (void)!::read(fd, buf, 1 + next(sizeof buf - 1));
+                    }
+                    break;
+                case 4:
+                    if (fd >= 0) {
+                        struct pollfd p = {fd, POLLIN | POLLOUT, 0};
+                        ::poll(&p, 1, 0);
+                    }
+                    break;
+                case 5:
+                    if (fd >= 0) {
+                        struct ambrel_process_ids ids = {};
+                        ::ioctl(fd, next(2) ? AMBREL_IOC_PROCESS_IDS : _IO('q', next(256)), &ids);
+                    }
+                    break;
+                default:
+                    if (fd >= 0) {
+                        ::close(fd);
+                        fds.erase(std::find(fds.begin(), fds.end(), fd));
+                    }
+                }
+            }
+            return 0;
+        }));
+    }
+    std::this_thread::sleep_for(50ms);
+    children[3]->kill();
+    for (size_t i = 0; i < children.size(); ++i) {
+        if (i != 3) {
+            EXPECT_EQ(children[i]->wait(60), 0) << "child " << i;
+        }
+    }
+    ASSERT_TRUE(eventually([&] { return !exists(portFile("A", "")) && !exists(portFile("B", "")); }));
+    int owner = openFile(path("After"), O_RDWR);
+    ASSERT_GE(owner, 0);
+    Command send(cli({"send", "After", "90 3C 64"}));
+    ASSERT_EQ(send.wait(), 0);
+    EXPECT_EQ(readBytes(owner, 3), kNoteOn);
+}
+
 TEST_F(DaemonTest, RestartWithdrawsPortsEndsWaitsAndServesAgain)
 {
     int held = openFile(path("Kept"), O_RDWR);
