@@ -20,6 +20,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <shared_mutex>
 #include <sstream>
 #include <unordered_map>
 #include <vector>
@@ -185,19 +186,49 @@ private:
 };
 
 // ------------------------------------------------------------------ open files
+// The kernel may still hand the daemon a request for a file it has already
+// released (a read abandoned by a killed process), so files are found by
+// number and shared by the requests using them; close() waits for those in
+// progress and refuses later ones.
 struct OpenFile {
     explicit OpenFile(Kind k) : kind(k) {}
     virtual ~OpenFile() = default;
-    // Ends everything the file holds in the host kernel (at release, or at
-    // shutdown for files the kernel never released).
-    virtual void shut() {}
+
+    bool enter()
+    {
+        gate_.lock_shared();
+        if (closed_) {
+            gate_.unlock_shared();
+            return false;
+        }
+        return true;
+    }
+    void leave() { gate_.unlock_shared(); }
+    // At release, or at shutdown for files the kernel never released.
+    void close()
+    {
+        std::unique_lock<std::shared_mutex> lock(gate_);
+        if (!closed_) {
+            closed_ = true;
+            shut();
+        }
+    }
+
     const Kind kind;
+
+protected:
+    // Ends everything the file holds in the host kernel.
+    virtual void shut() {}
+
+private:
+    std::shared_mutex gate_;
+    bool closed_ = false;
 };
 
 // A port owner's handle on the control device.
 struct OwnerFile : OpenFile {
     OwnerFile() : OpenFile(Kind::Control) {}
-    ~OwnerFile() override { shut(); }
+    ~OwnerFile() override { close(); }
 
     void start()
     {
@@ -243,7 +274,6 @@ struct OwnerFile : OpenFile {
 
     void shut() override
     {
-        std::lock_guard<std::mutex> lock(shutMutex);
         if (process == nullptr) {
             return;
         }
@@ -269,7 +299,6 @@ struct OwnerFile : OpenFile {
     std::unique_ptr<AsyncReader> reader;
     std::mutex mutex;
     std::shared_ptr<hk::Request> current;
-    std::mutex shutMutex;
 };
 
 struct InfoFile : OpenFile {
@@ -279,17 +308,15 @@ struct InfoFile : OpenFile {
 
 struct PinOpenFile : OpenFile {
     PinOpenFile(Kind k, std::unique_ptr<PinFile> p) : OpenFile(k), pin(std::move(p)) {}
-    ~PinOpenFile() override { shut(); }
+    ~PinOpenFile() override { close(); }
     void shut() override
     {
-        std::lock_guard<std::mutex> lock(shutMutex);
         if (pin) {
             pin->close();
             pin.reset();
         }
     }
     std::unique_ptr<PinFile> pin;
-    std::mutex shutMutex;
 };
 
 // ------------------------------------------------------------------ the daemon
@@ -297,7 +324,8 @@ struct State {
     ProcessTable processes;
     NodeTable nodes;
     std::mutex filesMutex;
-    std::set<OpenFile *> files;
+    std::unordered_map<std::uint64_t, std::shared_ptr<OpenFile>> files; // by file handle number
+    std::uint64_t nextFileHandle = 1;
     std::time_t started = std::time(nullptr);
     uid_t uid = getuid();
     gid_t gid = getgid();
@@ -305,25 +333,63 @@ struct State {
 
 State *gState = nullptr;
 
-void addFile(OpenFile *f)
+std::uint64_t addFile(std::shared_ptr<OpenFile> f)
 {
     std::lock_guard<std::mutex> lock(gState->filesMutex);
-    gState->files.insert(f);
+    std::uint64_t fh = gState->nextFileHandle++;
+    gState->files.emplace(fh, std::move(f));
+    return fh;
 }
 
-// Unlinks the file from the daemon's set; false when shutdown already took it.
-bool removeFile(OpenFile *f)
+// Unlinks the file from the daemon; null when release or shutdown took it.
+std::shared_ptr<OpenFile> takeFile(std::uint64_t fh)
 {
     std::lock_guard<std::mutex> lock(gState->filesMutex);
-    return gState->files.erase(f) != 0;
+    auto it = gState->files.find(fh);
+    if (it == gState->files.end()) {
+        return nullptr;
+    }
+    std::shared_ptr<OpenFile> f = std::move(it->second);
+    gState->files.erase(it);
+    return f;
 }
+
+// A request's hold on its file: empty when the file is gone or closed.
+class FileUse {
+public:
+    explicit FileUse(std::uint64_t fh)
+    {
+        {
+            std::lock_guard<std::mutex> lock(gState->filesMutex);
+            auto it = gState->files.find(fh);
+            if (it != gState->files.end()) {
+                file_ = it->second;
+            }
+        }
+        if (file_ && !file_->enter()) {
+            file_.reset();
+        }
+    }
+    ~FileUse()
+    {
+        if (file_) {
+            file_->leave();
+        }
+    }
+    FileUse(const FileUse &) = delete;
+    FileUse &operator=(const FileUse &) = delete;
+    OpenFile *get() const { return file_.get(); }
+
+private:
+    std::shared_ptr<OpenFile> file_;
+};
 
 OwnerFile *ownerOf(const std::u16string &referenceString, std::shared_ptr<hk::Process> *process, hk::Handle *handle)
 {
     std::lock_guard<std::mutex> lock(gState->filesMutex);
-    for (OpenFile *f : gState->files) {
-        if (f->kind == Kind::Control) {
-            auto *o = static_cast<OwnerFile *>(f);
+    for (auto &entry : gState->files) {
+        if (entry.second->kind == Kind::Control) {
+            auto *o = static_cast<OwnerFile *>(entry.second.get());
             if (o->referenceString == referenceString && o->process) {
                 *process = o->process;
                 *handle = o->handle;
@@ -580,19 +646,18 @@ constexpr std::uint32_t kOpenDirectIo = 1u << 0;    // FOPEN_DIRECT_IO
 constexpr std::uint32_t kOpenNonSeekable = 1u << 2; // FOPEN_NONSEEKABLE
 constexpr std::uint32_t kOpenStream = 1u << 4;      // FOPEN_STREAM
 
-void replyOpen(fuse_req_t req, struct fuse_file_info *, OpenFile *file)
+void replyOpen(fuse_req_t req, struct fuse_file_info *, std::shared_ptr<OpenFile> file)
 {
-    OpenReply reply{reinterpret_cast<std::uint64_t>(file), kOpenDirectIo, 0};
+    OpenReply reply{0, kOpenDirectIo, 0};
     if (file->kind != Kind::Info) {
         reply.openFlags |= kOpenNonSeekable | kOpenStream;
     }
-    addFile(file);
+    reply.fh = addFile(std::move(file));
     if (fuse_reply_buf(req, reinterpret_cast<const char *>(&reply), sizeof reply) != 0) {
         // The opener went away before the answer (interrupted open): no
         // release will come for this file.
-        if (removeFile(file)) {
-            file->shut();
-            delete file;
+        if (std::shared_ptr<OpenFile> f = takeFile(reply.fh)) {
+            f->close();
         }
     }
 }
@@ -636,7 +701,7 @@ void openControl(fuse_req_t req, const std::string &fileName, struct fuse_file_i
         file->referenceString = reinterpret_cast<const char16_t *>(port->ReferenceString);
     }
     file->start();
-    replyOpen(req, fi, file.release());
+    replyOpen(req, fi, std::move(file));
 }
 
 void opOpen(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi)
@@ -678,7 +743,7 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi)
         }
         auto file = std::make_unique<InfoFile>();
         file->text = infoText(*reader, p);
-        replyOpen(req, fi, file.release());
+        replyOpen(req, fi, std::move(file));
         return;
     }
     case Kind::Out:
@@ -709,20 +774,21 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi)
             fuse_reply_err(req, errnoFromPinStatus(status));
             return;
         }
-        replyOpen(req, fi, new PinOpenFile(node.kind, std::move(pin)));
+        replyOpen(req, fi, std::make_shared<PinOpenFile>(node.kind, std::move(pin)));
         return;
     }
     }
 }
 
-OpenFile *fileOf(struct fuse_file_info *fi)
-{
-    return reinterpret_cast<OpenFile *>(fi->fh);
-}
 
 void opRead(fuse_req_t req, fuse_ino_t, size_t size, off_t off, struct fuse_file_info *fi)
 {
-    OpenFile *f = fileOf(fi);
+    FileUse use(fi->fh);
+    OpenFile *f = use.get();
+    if (f == nullptr) {
+        fuse_reply_err(req, EBADF);
+        return;
+    }
     bool nonBlocking = (fi->flags & O_NONBLOCK) != 0;
     switch (f->kind) {
     case Kind::Control: {
@@ -753,7 +819,12 @@ void opRead(fuse_req_t req, fuse_ino_t, size_t size, off_t off, struct fuse_file
 
 void opWrite(fuse_req_t req, fuse_ino_t, const char *buf, size_t size, off_t, struct fuse_file_info *fi)
 {
-    OpenFile *f = fileOf(fi);
+    FileUse use(fi->fh);
+    OpenFile *f = use.get();
+    if (f == nullptr) {
+        fuse_reply_err(req, EBADF);
+        return;
+    }
     if (f->kind == Kind::Control) {
         auto *o = static_cast<OwnerFile *>(f);
         if (!o->canWrite) {
@@ -788,7 +859,12 @@ void opWrite(fuse_req_t req, fuse_ino_t, const char *buf, size_t size, off_t, st
 void opIoctl(fuse_req_t req, fuse_ino_t, unsigned int cmd, void *, struct fuse_file_info *fi, unsigned flags,
              const void *inBuf, size_t inSize, size_t outSize)
 {
-    OpenFile *f = fileOf(fi);
+    FileUse use(fi->fh);
+    OpenFile *f = use.get();
+    if (f == nullptr) {
+        fuse_reply_err(req, EBADF);
+        return;
+    }
     if (f->kind != Kind::Control || (flags & FUSE_IOCTL_DIR) != 0) {
         fuse_reply_err(req, ENOTTY);
         return;
@@ -820,7 +896,12 @@ void opIoctl(fuse_req_t req, fuse_ino_t, unsigned int cmd, void *, struct fuse_f
 
 void opPoll(fuse_req_t req, fuse_ino_t, struct fuse_file_info *fi, struct fuse_pollhandle *ph)
 {
-    OpenFile *f = fileOf(fi);
+    FileUse use(fi->fh);
+    OpenFile *f = use.get();
+    if (f == nullptr) {
+        fuse_reply_err(req, EBADF);
+        return;
+    }
     unsigned revents = 0;
     if (f->kind == Kind::Control) {
         auto *o = static_cast<OwnerFile *>(f);
@@ -852,10 +933,9 @@ void opFlush(fuse_req_t req, fuse_ino_t, struct fuse_file_info *)
 
 void opRelease(fuse_req_t req, fuse_ino_t, struct fuse_file_info *fi)
 {
-    OpenFile *f = fileOf(fi);
-    if (removeFile(f)) {
-        f->shut();
-        delete f;
+    // Requests still using the file finish first; the last one frees it.
+    if (std::shared_ptr<OpenFile> f = takeFile(fi->fh)) {
+        f->close();
     }
     fuse_reply_err(req, 0);
 }
@@ -1123,18 +1203,21 @@ int run(const Config &config)
                 // kernel, clients' pins first, then the owners' handles
                 // (their waiting reads end, their ports are withdrawn); the
                 // adapter's removal then finds nothing left to tear down.
-                std::vector<OpenFile *> left;
+                std::vector<std::shared_ptr<OpenFile>> left;
                 {
                     std::lock_guard<std::mutex> lock(state.filesMutex);
-                    left.assign(state.files.begin(), state.files.end());
+                    for (auto &entry : state.files) {
+                        left.push_back(std::move(entry.second));
+                    }
                     state.files.clear();
                 }
-                std::stable_partition(left.begin(), left.end(),
-                                      [](OpenFile *f) { return f->kind != Kind::Control; });
-                for (OpenFile *f : left) {
-                    f->shut();
-                    delete f;
+                std::stable_partition(left.begin(), left.end(), [](const std::shared_ptr<OpenFile> &f) {
+                    return f->kind != Kind::Control;
+                });
+                for (auto &f : left) {
+                    f->close();
                 }
+                left.clear();
                 system.removeAdapter();
                 fuse_session_unmount(se);
                 std::fprintf(stderr, "ambreld: unmounted %s\n", config.mount.c_str());
