@@ -1,14 +1,108 @@
 #!/usr/bin/env bash
-# The main job: sets the machine up, builds the host kernel with the driver on
-# it, and runs the live demonstration: an application creates the port
-# "Piano", a MIDI client plays a melody into it, the application echoes every
-# note back out of the port's capture side, and a recording client prints what
-# it hears. Arguments go to the demo (--log shows the driver's debug log).
+# The main job: sets the machine up, builds Ambrel for Linux and starts
+# ambreld, which runs the driver in the host kernel and serves its ports on a
+# FUSE mount (default /run/ambrel, or $AMBREL_MOUNT). It then shows the ports
+# working between real processes: `ambrel hold Piano` creates the port
+# "Piano" and prints what is played to it, `ambrel list` shows it to MIDI
+# programs, `ambrel send` plays a short melody into it. ambreld keeps running
+# afterwards for you to use from a shell or a program (README.md); stop it
+# with `kill $(pidof ambreld)`.
+#
+#   bash scripts/main.sh           # as above
+#   bash scripts/main.sh --log     # ambreld also writes the driver's debug log to ambreld.log
+#   bash scripts/main.sh --demo    # no FUSE: the same story inside one process
+#
+# Without root or /dev/fuse there is no mount; the script says so and runs
+# the in-process demonstration instead.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+mode=daemon
+log=0
+for a in "$@"; do
+    case $a in
+        --demo) mode=demo ;;
+        --log) log=1 ;;
+        -h|--help) sed -n '2,17p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+        *) echo "main.sh: unknown option $a (try --help)" >&2; exit 2 ;;
+    esac
+done
+
 bash scripts/setup.sh
 
-build=build/main
+build=build/frontend
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$build" -j"$(nproc)" --target ambrel-demo >/dev/null
-exec "$build/tools/ambrel-demo/ambrel-demo" "$@"
+cmake --build "$build" -j"$(nproc)" --target ambreld ambrel_cli ambrel-echo ambrel-demo >/dev/null
+bin=$PWD/$build/bin
+demo=$PWD/$build/tools/ambrel-demo/ambrel-demo
+
+if [ "$mode" = daemon ] && { [ "$(id -u)" -ne 0 ] || [ ! -c /dev/fuse ]; }; then
+    echo "main.sh: ambreld needs root and /dev/fuse for its mount; running the in-process demonstration" >&2
+    mode=demo
+fi
+if [ "$mode" = demo ]; then
+    if [ $log -eq 1 ]; then exec "$demo" --log; fi
+    exec "$demo"
+fi
+
+mount=${AMBREL_MOUNT:-/run/ambrel}
+export AMBREL_MOUNT=$mount
+if mountpoint -q "$mount" && [ -d "$mount/ports" ]; then
+    echo "main.sh: ambreld already serves $mount"
+else
+    if [ $log -eq 1 ]; then
+        # The daemon's stderr is gone once it detaches: keep it in the foreground
+        # behind nohup so its log lands in a file.
+        nohup "$bin/ambreld" -f -v "$mount" >ambreld.log 2>&1 &
+        echo "main.sh: the driver's debug log goes to $PWD/ambreld.log"
+    else
+        "$bin/ambreld" "$mount"
+    fi
+    for _ in $(seq 100); do
+        [ -d "$mount/ports" ] && break
+        sleep 0.1
+    done
+    [ -d "$mount/ports" ] || { echo "main.sh: ambreld did not come up on $mount" >&2; exit 1; }
+    echo "main.sh: ambreld serves $mount (pid $(pidof ambreld))"
+fi
+
+# A melody, one note-on and its note-off per step: C D E F G.
+notes=(3C 3E 40 41 43)
+echo
+echo "\$ ambrel hold Piano --count $(( ${#notes[@]} * 2 ))   # an application creates \"Piano\" and prints what it receives"
+"$bin/ambrel" hold Piano --count $(( ${#notes[@]} * 2 )) &
+holder=$!
+for _ in $(seq 50); do
+    [ -d "$mount/ports/Piano" ] && break
+    sleep 0.1
+done
+echo "\$ ambrel list"
+"$bin/ambrel" list
+for n in "${notes[@]}"; do
+    echo "\$ ambrel send Piano 90 $n 64 80 $n 00"
+    "$bin/ambrel" send Piano 90 "$n" 64 80 "$n" 00
+    sleep 0.2
+done
+# The holder leaves after the tenth message; one that is still waiting did not
+# hear the whole melody.
+for _ in $(seq 50); do
+    kill -0 "$holder" 2>/dev/null || break
+    sleep 0.1
+done
+if kill -0 "$holder" 2>/dev/null; then
+    kill "$holder"
+    echo "main.sh: \"Piano\" did not receive the whole melody" >&2
+    exit 1
+fi
+wait "$holder"
+
+cat <<EOF
+
+ambreld keeps serving $mount. Try, from any shell:
+  $bin/ambrel hold Drums              # create a port and watch what is played to it
+  $bin/ambrel send Drums 99 24 7F     # play into it from another shell
+  $bin/ambrel list                    # ports and who uses them
+  exec 3<>$mount/Organ; ls $mount/ports   # a port made with plain file calls
+Programs: frontend/examples/ambrel_echo.cpp and libambrel ($build/frontend/libambrel.a).
+Stop: kill \$(pidof ambreld)
+EOF

@@ -5,13 +5,14 @@
 #   3. the concurrency tests under ThreadSanitizer;
 #   4. ambrel.sys for Windows x64 and its PE audit;
 #   5. the fuzzers' smoke runs (clang, libFuzzer);
-#   6. the benchmarks' smoke run (they must run; figures come from scripts/bench.sh).
+#   6. the benchmarks' smoke run (they must run; figures come from scripts/bench.sh);
+#   7. the main job itself (README's first command), on a scratch mount.
 # AMBREL_STEPS="host asan" limits the run to some steps.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 
-steps=${AMBREL_STEPS:-"host asan tsan windows fuzz bench"}
+steps=${AMBREL_STEPS:-"host asan tsan windows fuzz bench main"}
 jobs=$(nproc)
 want() { [[ " $steps " == *" $1 "* ]]; }
 banner() { printf '\n==== %s ====\n' "$*"; }
@@ -67,4 +68,23 @@ if want bench && [ -f bench/CMakeLists.txt ]; then
         [ -x "$b" ] && "$b" --benchmark_min_time=0.01 >/dev/null
     done
     echo "benchmarks ran"
+fi
+
+if want main; then
+    banner "the main job"
+    # A scratch mount, so a developer's own ambreld on /run/ambrel is left alone.
+    mnt=$(mktemp -d "${TMPDIR:-/tmp}/ambrel-main.XXXXXX")
+    AMBREL_MOUNT=$mnt timeout 900 bash scripts/main.sh
+    if mountpoint -q "$mnt"; then
+        pkill -TERM -f -- "ambreld $mnt\$" || true
+        for _ in $(seq 100); do
+            mountpoint -q "$mnt" || break
+            sleep 0.1
+        done
+        if mountpoint -q "$mnt"; then
+            echo "test.sh: ambreld did not unmount $mnt" >&2
+            exit 1
+        fi
+    fi
+    rmdir "$mnt"
 fi
