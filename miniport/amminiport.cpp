@@ -107,15 +107,16 @@ STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::NonDelegatingQueryInterface(_In_ REFIID
         *object = static_cast<PVOID>(static_cast<IPinName *>(this));
     } else {
         *object = NULL;
-        if (AmDebugOutputEnabled()) {
-            // The text form is made only for the log: nobody else needs it.
-            UNICODE_STRING text;
-            if (NT_SUCCESS(RtlStringFromGUID(iid, &text))) {
-                AmLog("CMiniportAmbrel::NonDelegatingQueryInterface ***** is nul!!!! %ls", text.Buffer);
-                RtlFreeUnicodeString(&text);
-            } else {
-                AmLog("CMiniportAmbrel::NonDelegatingQueryInterface ***** is nul!!!!");
-            }
+        // The text form is made only for the log, and only where a wide string
+        // may be printed: at PASSIVE_LEVEL (paged code may also run at
+        // APC_LEVEL, where the line goes out without the identifier).
+        UNICODE_STRING text;
+        if (AmDebugOutputEnabled() && KeGetCurrentIrql() == PASSIVE_LEVEL &&
+            NT_SUCCESS(RtlStringFromGUID(iid, &text))) {
+            AmLog("CMiniportAmbrel::NonDelegatingQueryInterface ***** is nul!!!! %ls", text.Buffer);
+            RtlFreeUnicodeString(&text);
+        } else {
+            AmLog("CMiniportAmbrel::NonDelegatingQueryInterface ***** is nul!!!!");
         }
     }
 

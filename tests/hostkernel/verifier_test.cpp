@@ -81,6 +81,12 @@ const Case kViolations[] = {
          ExFreePoolWithTag(p, kTag);
      },
      "HOST VERIFIER: IrqlTooHigh: ExFreePoolWithTag of paged pool called at IRQL 2"},
+    {"wide string printed at APC_LEVEL",
+     [] {
+         hk::LogCapture log;
+         raise(APC_LEVEL), DbgPrint("port %ls\n", u"Piano");
+     },
+     "HOST VERIFIER: IrqlTooHigh: DbgPrint of a wide string at IRQL 1"},
     {"release of a free lock", [] { KeReleaseSpinLock(&lockA, raise(DISPATCH_LEVEL)); },
      "HOST VERIFIER: SpinLockNotHeld: KeReleaseSpinLock of spin lock 0x[0-9a-f]+ .*the lock is not held"},
     {"release of a lock another thread holds",

@@ -76,6 +76,17 @@ TEST(Miniport, QueryInterfaceHandsOutEachFaceWithOneReference)
             EXPECT_EQ(static_cast<PUNKNOWN>(object)->Release(), 1u);
         }
     }
+
+    // Paged code may run at APC_LEVEL, where no wide string may be printed.
+    LogCapture log;
+    KIRQL old;
+    KeRaiseIrql(APC_LEVEL, &old);
+    PVOID object = reinterpret_cast<PVOID>(0x1);
+    EXPECT_EQ(h.unknown->QueryInterface(IID_IMXF, &object), STATUS_INVALID_PARAMETER);
+    KeLowerIrql(old);
+    EXPECT_EQ(object, nullptr);
+    EXPECT_TRUE(log.contains("CMiniportAmbrel::NonDelegatingQueryInterface ***** is nul!!!!"));
+    EXPECT_FALSE(log.contains("is nul!!!! {"));
 }
 
 TEST(Miniport, TechnologyIsSetBeforeInitAndRewritesTheSharedRanges)

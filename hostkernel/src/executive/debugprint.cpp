@@ -82,6 +82,15 @@ public:
     }
     void wide(const char16_t *text, size_t length) override
     {
+        // Windows converts %ls, %wZ and friends through the Unicode tables,
+        // which are pageable: those conversions are allowed only at
+        // PASSIVE_LEVEL, and a driver that logs a name under a spin lock
+        // faults there, if only when the page is out.
+        KIRQL irql = KeGetCurrentIrql();
+        if (irql > PASSIVE_LEVEL) {
+            hostkernel::reportViolation(hostkernel::Rule::IrqlTooHigh,
+                                        "DbgPrint of a wide string at IRQL " + std::to_string(int(irql)));
+        }
         std::string utf8 = hostkernel::detail::utf16ToUtf8(std::u16string_view(text, length));
         narrow(utf8.data(), utf8.size());
     }
