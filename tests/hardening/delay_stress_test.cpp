@@ -268,6 +268,13 @@ TEST(DelayStress, WholeDriverUnderInjectedDelays)
             clients.emplace_back([&] { client(r, *processes[4], unsigned(seed + rounds) * 5 + 1); });
             clients.emplace_back([&] { echo(r, *processes[5], *processes[6], unsigned(seed + rounds)); });
             std::this_thread::sleep_for(300ms);
+            // The echo pair must have made progress before anyone leaves. On a
+            // loaded machine (sanitizers, a soak at low priority) opening its
+            // pin alone can take longer than the pause above; ten seconds
+            // without a single note is a hang.
+            for (auto wait = Clock::now() + 10s; r.echoed.load() == 0 && Clock::now() < wait;) {
+                std::this_thread::sleep_for(5ms);
+            }
             // Clients leave before a removal: the host's plug and play still
             // removes a stack with pins open on it, which Windows vetoes, and
             // their closes then miss the driver (ARCHITECTURE.md, open
