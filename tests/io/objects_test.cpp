@@ -48,6 +48,26 @@ TEST_F(NamespaceTest, StaleLinkCollidesUntilDeletedAndAliasesNameOneLink)
     hk::injectIoFault(hk::IoFault::CreateSymbolicLink, STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(createLink(u"\\DosDevices\\Other", kDevice), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_FALSE(hk::objectExists(u"\\DosDevices\\Other"));
+
+    // A run of failures after a skip: the skipped call works, the next two
+    // fail, the one after works again.
+    hk::injectIoFault(hk::IoFault::CreateSymbolicLink, STATUS_OBJECT_NAME_COLLISION, 1, 2);
+    const struct {
+        const char16_t *link;
+        NTSTATUS status;
+        bool armedAfter;
+    } run[] = {
+        {u"\\??\\Run0", STATUS_SUCCESS, true},
+        {u"\\??\\Run1", STATUS_OBJECT_NAME_COLLISION, true},
+        {u"\\??\\Run2", STATUS_OBJECT_NAME_COLLISION, false},
+        {u"\\??\\Run3", STATUS_SUCCESS, false},
+    };
+    for (const auto &c : run) {
+        SCOPED_TRACE(narrow(c.link));
+        EXPECT_EQ(createLink(c.link, kDevice), c.status);
+        EXPECT_EQ(hk::objectExists(c.link), NT_SUCCESS(c.status));
+        EXPECT_EQ(hk::ioFaultArmed(hk::IoFault::CreateSymbolicLink), c.armedAfter);
+    }
 }
 
 TEST_F(NamespaceTest, LinksChainAndLoopsEnd)

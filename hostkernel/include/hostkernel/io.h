@@ -61,11 +61,13 @@ enum class IoFault {
     OpenInterfaceKey,     // IoOpenDeviceInterfaceRegistryKey fails
     SetInterfaceState,    // IoSetDeviceInterfaceState fails
 };
-// The call after `skip` further calls of that kind fails with `status`
-// (ignored for MapMdl, which has no status). One fault per kind is armed.
-void injectIoFault(IoFault fault, NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES, unsigned skip = 0);
+// After `skip` further calls of that kind, the next `count` calls fail with
+// `status` (ignored for MapMdl, which has no status). One fault per kind is
+// armed; arming again replaces it.
+void injectIoFault(IoFault fault, NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES, unsigned skip = 0,
+                   unsigned count = 1);
 void clearIoFaults();
-// Still armed: the faulted call has not come yet (a sweep's end test).
+// Still armed: a faulted call has not come yet (a sweep's end test).
 bool ioFaultArmed(IoFault fault);
 
 // ------------------------------------------------------------------ requests

@@ -127,6 +127,7 @@ namespace {
 struct ArmedFault {
     bool armed = false;
     unsigned skip = 0;
+    unsigned count = 0; // calls still to fail once `skip` has run out
     NTSTATUS status = STATUS_SUCCESS;
 };
 std::mutex faultMutex;
@@ -144,7 +145,7 @@ bool takeIoFault(IoFault fault, NTSTATUS *status)
         f.skip--;
         return false;
     }
-    f.armed = false;
+    f.armed = --f.count > 0;
     if (status != nullptr) {
         *status = f.status;
     }
@@ -292,10 +293,10 @@ void drainWorker()
 
 namespace hostkernel {
 
-void injectIoFault(IoFault fault, NTSTATUS status, unsigned skip)
+void injectIoFault(IoFault fault, NTSTATUS status, unsigned skip, unsigned count)
 {
     std::lock_guard<std::mutex> lock(detail::faultMutex);
-    detail::faults[int(fault)] = {true, skip, status};
+    detail::faults[int(fault)] = {count > 0, skip, count, status};
 }
 
 bool ioFaultArmed(IoFault fault)
