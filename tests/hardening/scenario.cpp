@@ -196,6 +196,35 @@ private:
         return s;
     }
 
+    // An AddDevice that failed after creating the control device (both link
+    // attempts failed) keeps it by design: no link, but initialised and
+    // answering through \Device\Ambrel, while the PnP manager has torn down
+    // the adapter's stack. It must show that, and then go: the driver has no
+    // unload routine and its removal path only runs for a started adapter,
+    // so the system's unload would find it left over. Nothing beyond the
+    // open's own checks is tried on it: publishing a port needs the started
+    // adapter the failed add never got.
+    void leftoverControlDevice()
+    {
+        if (hk::objectExists(u"\\DosDevices\\Ambrel")) {
+            problem("a failed AddDevice left the control device's link");
+        }
+        {
+            hk::Process app(100);
+            hk::Handle h = 0;
+            NTSTATUS s = app.open(u"\\Device\\Ambrel\\", kReadWrite, &h);
+            if (s != STATUS_INVALID_PARAMETER) {
+                problem("an open of the leftover control device without a port name: " + hex(s));
+            }
+        }
+        PDEVICE_OBJECT device = driver_->DeviceObject;
+        if (device == nullptr || device->NextDevice != nullptr || device->DeviceType != FILE_DEVICE_UNKNOWN) {
+            problem("the driver's devices after a failed AddDevice are not the control device alone");
+            return;
+        }
+        IoDeleteDevice(device);
+    }
+
     // Whatever the story left: process exit closes the handles, the PnP
     // manager removes the adapter, the system unloads the driver.
     void teardown()
@@ -214,7 +243,11 @@ private:
                 problem("removal during teardown: " + hex(s));
             }
         }
+        const bool addFailed = node_ && !NT_SUCCESS(node_->addDeviceStatus());
         node_.reset();
+        if (addFailed && driver_ != nullptr && hk::objectExists(u"\\Device\\Ambrel")) {
+            leftoverControlDevice();
+        }
         if (driver_ != nullptr) {
             hk::drainIo();
             NTSTATUS s = hk::unloadDriver(driver_);

@@ -19,12 +19,14 @@ struct Function {
     PDEVICE_OBJECT fdo = nullptr;
     PDEVICE_OBJECT lower = nullptr;
     NTSTATUS addStatus = STATUS_SUCCESS;
+    bool failAfterAttach = false; // AddDevice attaches its device, then fails
     bool refuseQueryRemove = false;
     bool detachOnRemove = true;
     bool startSawList = false;
     ULONG startListCount = 99;
     NTSTATUS lowerStartStatus = STATUS_PENDING;
     std::vector<std::u16string> createNames;
+    std::vector<UCHAR> fileMajors; // cleanup and close, in arrival order
 } f;
 
 NTSTATUS complete(PIRP irp, NTSTATUS status)
@@ -87,10 +89,12 @@ NTSTATUS functionPnp(PDEVICE_OBJECT fdo, PIRP irp)
 NTSTATUS functionCreateClose(PDEVICE_OBJECT, PIRP irp)
 {
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+    std::lock_guard<std::mutex> lock(f.mutex);
     if (stack->MajorFunction == IRP_MJ_CREATE) {
-        std::lock_guard<std::mutex> lock(f.mutex);
         f.createNames.emplace_back(reinterpret_cast<const char16_t *>(stack->FileObject->FileName.Buffer),
                                    stack->FileObject->FileName.Length / 2);
+    } else {
+        f.fileMajors.push_back(stack->MajorFunction);
     }
     return complete(irp, STATUS_SUCCESS);
 }
@@ -106,7 +110,7 @@ NTSTATUS addDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo)
     }
     f.lower = IoAttachDeviceToDeviceStack(f.fdo, pdo);
     f.fdo->Flags &= ~DO_DEVICE_INITIALIZING;
-    return STATUS_SUCCESS;
+    return f.failAfterAttach ? STATUS_INSUFFICIENT_RESOURCES : STATUS_SUCCESS;
 }
 
 NTSTATUS functionEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
@@ -125,7 +129,9 @@ protected:
     {
         f.minors.clear();
         f.createNames.clear();
+        f.fileMajors.clear();
         f.addStatus = STATUS_SUCCESS;
+        f.failAfterAttach = false;
         f.refuseQueryRemove = false;
         f.detachOnRemove = true;
         f.fdo = f.lower = nullptr;
@@ -146,6 +152,19 @@ protected:
     {
         std::lock_guard<std::mutex> lock(f.mutex);
         return f.minors;
+    }
+    std::vector<UCHAR> fileMajors()
+    {
+        std::lock_guard<std::mutex> lock(f.mutex);
+        return f.fileMajors;
+    }
+    // A node with one enabled interface, for opening its stack.
+    std::u16string addWithInterface()
+    {
+        node_ = hk::addRootDevice(driver_);
+        std::u16string link = registerInterface(kAudio, L"ambrel0");
+        EXPECT_EQ(setState(link, TRUE), STATUS_SUCCESS);
+        return link;
     }
     // Interface calls from a PASSIVE_LEVEL thread, as a driver makes them.
     std::u16string registerInterface(const GUID &guid, const wchar_t *reference, NTSTATUS *status = nullptr)
@@ -220,10 +239,122 @@ TEST_F(PnpTest, RefusedQueryRemoveIsCancelledAndFailedAddDeviceLeavesNothing)
     EXPECT_EQ(node_->surpriseRemove(), STATUS_SUCCESS);
 
     f.addStatus = STATUS_INSUFFICIENT_RESOURCES;
+    f.minors.clear();
     auto failed = hk::addRootDevice(driver_, u"ROOT\\MEDIA\\0001");
     EXPECT_EQ(failed->addDeviceStatus(), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_TRUE(failed->removed());
     EXPECT_EQ(failed->start(), STATUS_NO_SUCH_DEVICE);
+    EXPECT_TRUE(minors().empty()) << "nothing was attached, so there is nothing to tear down";
+}
+
+// An AddDevice that attached its device and then failed: the PnP manager
+// tears the stack down with IRP_MN_REMOVE_DEVICE, and the driver's removal
+// handling detaches and deletes the device (else the driver could not be
+// unloaded: its device would be left).
+TEST_F(PnpTest, FailedAddDeviceHasTheStackItBuiltRemoved)
+{
+    f.failAfterAttach = true;
+    node_ = hk::addRootDevice(driver_);
+    EXPECT_EQ(node_->addDeviceStatus(), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_TRUE(node_->removed());
+    EXPECT_EQ(node_->top(), nullptr);
+    EXPECT_EQ(minors(), (std::vector<UCHAR>{IRP_MN_REMOVE_DEVICE}));
+    EXPECT_EQ(driver_->DeviceObject, nullptr) << "the function device was deleted";
+}
+
+// Handles on the stack hold an orderly removal off entirely: the PnP manager
+// vetoes it before any driver hears of it, and the stack stays as it was.
+TEST_F(PnpTest, OrderlyRemovalIsVetoedWhileAHandleIsOpen)
+{
+    std::u16string link = addWithInterface();
+    hk::Process client(300);
+    hk::Handle filter = 0, child = 0;
+    ASSERT_EQ(client.open(link, GENERIC_READ, &filter), STATUS_SUCCESS);
+    ASSERT_EQ(client.openRelative(filter, u"child", GENERIC_READ, &child), STATUS_SUCCESS);
+
+    // Each handle alone holds the stack; the child also keeps its parent's
+    // file object after the parent's handle is closed.
+    for (hk::Handle closing : {filter, child}) {
+        EXPECT_EQ(node_->remove(), STATUS_PLUGPLAY_QUERY_VETOED);
+        EXPECT_FALSE(node_->removed());
+        EXPECT_TRUE(minors().empty()) << "a vetoed removal sends nothing";
+        EXPECT_EQ(node_->top(), f.fdo);
+        EXPECT_EQ(hk::deviceInterfaces(kAudio).size(), 1u);
+        EXPECT_EQ(client.close(closing), STATUS_SUCCESS);
+    }
+    EXPECT_EQ(fileMajors(), (std::vector<UCHAR>{IRP_MJ_CLEANUP, IRP_MJ_CLEANUP, IRP_MJ_CLOSE, IRP_MJ_CLOSE}));
+    EXPECT_EQ(node_->remove(), STATUS_SUCCESS);
+    EXPECT_EQ(minors(), (std::vector<UCHAR>{IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_REMOVE_DEVICE}));
+}
+
+// A surprise removal is sent at once; IRP_MN_REMOVE_DEVICE waits until the
+// last file object on the stack is closed, whose cleanup and close still
+// reach the function device. Meanwhile the stack takes no new opens and no
+// other PnP request.
+TEST_F(PnpTest, SurpriseRemovalDefersTheRemovalToTheLastClose)
+{
+    std::u16string link = addWithInterface();
+    hk::Process client(300);
+    hk::Handle filter = 0, child = 0, other = 0;
+    ASSERT_EQ(client.open(link, GENERIC_READ, &filter), STATUS_SUCCESS);
+    ASSERT_EQ(client.openRelative(filter, u"child", GENERIC_READ, &child), STATUS_SUCCESS);
+
+    EXPECT_EQ(node_->surpriseRemove(), STATUS_PENDING);
+    EXPECT_TRUE(node_->removalPending());
+    EXPECT_FALSE(node_->removed());
+    EXPECT_EQ(minors(), (std::vector<UCHAR>{IRP_MN_SURPRISE_REMOVAL}));
+    EXPECT_EQ(node_->top(), f.fdo) << "the stack stays until the removal";
+
+    EXPECT_EQ(client.open(link, GENERIC_READ, &other), STATUS_DELETE_PENDING);
+    EXPECT_EQ(client.openRelative(filter, u"another", GENERIC_READ, &other), STATUS_DELETE_PENDING);
+    EXPECT_EQ(node_->remove(), STATUS_DELETE_PENDING);
+    EXPECT_EQ(node_->surpriseRemove(), STATUS_DELETE_PENDING);
+    EXPECT_EQ(node_->start(), STATUS_DELETE_PENDING);
+    EXPECT_EQ(node_->send(IRP_MN_QUERY_CAPABILITIES).status, STATUS_DELETE_PENDING);
+    EXPECT_EQ(f.createNames.size(), 2u) << "refused opens never reached the driver";
+
+    EXPECT_EQ(client.close(filter), STATUS_SUCCESS);
+    EXPECT_TRUE(node_->removalPending()) << "the child still holds the filter's file object";
+    EXPECT_EQ(client.close(child), STATUS_SUCCESS);
+    EXPECT_TRUE(node_->removed()) << "the last close sent the removal";
+    EXPECT_FALSE(node_->removalPending());
+    EXPECT_EQ(minors(), (std::vector<UCHAR>{IRP_MN_SURPRISE_REMOVAL, IRP_MN_REMOVE_DEVICE}));
+    EXPECT_EQ(fileMajors(), (std::vector<UCHAR>{IRP_MJ_CLEANUP, IRP_MJ_CLEANUP, IRP_MJ_CLOSE, IRP_MJ_CLOSE}))
+        << "cleanup and close reached the function device before its removal";
+    EXPECT_TRUE(hk::deviceInterfaces(kAudio).empty());
+    EXPECT_EQ(node_->surpriseRemove(), STATUS_NO_SUCH_DEVICE);
+}
+
+// Handles on another device of the same driver (a control device outside
+// the PnP stack) do not hold the stack's removal.
+TEST_F(PnpTest, HandlesOutsideTheStackDoNotHoldItsRemoval)
+{
+    struct Case {
+        bool surprise;
+        std::vector<UCHAR> minors;
+    } cases[] = {
+        {false, {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_REMOVE_DEVICE}},
+        {true, {IRP_MN_SURPRISE_REMOVAL, IRP_MN_REMOVE_DEVICE}},
+    };
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, L"\\Device\\HkControl");
+    PDEVICE_OBJECT control = nullptr;
+    ASSERT_EQ(IoCreateDevice(driver_, 0, &name, FILE_DEVICE_UNKNOWN, 0, FALSE, &control), STATUS_SUCCESS);
+    control->Flags &= ~DO_DEVICE_INITIALIZING;
+    hk::Process app(100);
+    hk::Handle h = 0;
+    ASSERT_EQ(app.open(u"\\Device\\HkControl", GENERIC_READ, &h), STATUS_SUCCESS);
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.surprise ? "surprise removal" : "orderly removal");
+        f.minors.clear();
+        node_ = hk::addRootDevice(driver_);
+        ASSERT_EQ(node_->addDeviceStatus(), STATUS_SUCCESS);
+        EXPECT_EQ(c.surprise ? node_->surpriseRemove() : node_->remove(), STATUS_SUCCESS);
+        EXPECT_TRUE(node_->removed());
+        EXPECT_EQ(minors(), c.minors);
+    }
+    app.close(h);
+    IoDeleteDevice(control);
 }
 
 TEST_F(PnpTest, FunctionDeviceLeftAttachedAfterRemovalIsALeak)

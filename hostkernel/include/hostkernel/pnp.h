@@ -30,6 +30,10 @@ public:
     // AddDevice's result.
     NTSTATUS addDeviceStatus() const;
 
+    // Requests to a node whose removal has begun (or is waiting for its last
+    // close) give STATUS_DELETE_PENDING without reaching the stack; to a
+    // removed node STATUS_NO_SUCH_DEVICE.
+
     // IRP_MN_START_DEVICE with these lists as AllocatedResources and
     // AllocatedResourcesTranslated (either may be null).
     NTSTATUS start(const CM_RESOURCE_LIST *raw, const CM_RESOURCE_LIST *translated);
@@ -37,12 +41,23 @@ public:
     NTSTATUS start();
     // Query-stop, then stop (cancel-stop when the query fails).
     NTSTATUS stop();
-    // Query-remove, then remove (cancel-remove when the query fails). After
-    // the removal the bus deletes the PDO and disables its interfaces; a
-    // function device still attached is a violation (ObjectReferenceLeak).
+    // An orderly removal. While a file object is open on any device of the
+    // stack the PnP manager vetoes it (STATUS_PLUGPLAY_QUERY_VETOED) and no
+    // request is sent. Otherwise query-remove, then remove (cancel-remove
+    // when the query fails, and the node stays as it was). From the check on,
+    // opens of the stack fail with STATUS_DELETE_PENDING. After the removal
+    // the bus deletes the PDO and disables its interfaces; a function device
+    // still attached is a violation (ObjectReferenceLeak).
     NTSTATUS remove();
-    // Surprise removal, then remove.
+    // IRP_MN_SURPRISE_REMOVAL at once; opens of the stack fail with
+    // STATUS_DELETE_PENDING from here on. With no file object open on the
+    // stack IRP_MN_REMOVE_DEVICE follows and its status is returned.
+    // Otherwise STATUS_PENDING: the removal is sent by whichever thread
+    // closes the stack's last file object (cleanup and close of those still
+    // reach the function device), and removed() turns true then.
     NTSTATUS surpriseRemove();
+    // Surprise-removed, IRP_MN_REMOVE_DEVICE still waiting for the last close.
+    bool removalPending() const;
     // Any other PnP request, sent from a system thread at PASSIVE_LEVEL to
     // the top of the stack with IoStatus.Status STATUS_NOT_SUPPORTED as the
     // PnP manager sends it; `setup` fills in the stack location's parameters.
@@ -50,12 +65,16 @@ public:
     bool removed() const;
 
 private:
+    NTSTATUS acceptsRequests() const;
+
     std::shared_ptr<detail::DeviceNodeState> state_;
 };
 
 // Creates the PDO ("\Device\NNNNNNNN", instance path such as
 // "ROOT\MEDIA\0000") and calls the driver's AddDevice at PASSIVE_LEVEL in a
-// system thread. When AddDevice fails the PDO is deleted again.
+// system thread. When AddDevice fails, a stack it built is sent
+// IRP_MN_REMOVE_DEVICE (as Windows tears down a failed add) and the PDO is
+// deleted again; devices of the driver outside the stack stay its own.
 std::shared_ptr<DeviceNode> addRootDevice(PDRIVER_OBJECT driver,
                                           std::u16string_view instancePath = u"ROOT\\MEDIA\\0000");
 

@@ -57,17 +57,25 @@ void freeFile(FileRecord *file)
         gFiles.erase(file);
     }
     FileRecord *related = file->related;
+    std::shared_ptr<DeviceNodeState> removal;
     {
         std::lock_guard<std::mutex> lock(objectsMutex());
         DeviceRecord *device = file->device;
         device->openFiles--;
         device->object.ReferenceCount = device->openFiles;
+        removal = takeDeferredRemovalLocked(device);
         maybeFreeDeviceLocked(device);
     }
     file->magic = 0;
     delete file;
     if (related != nullptr) {
         releaseFile(related, KeGetCurrentIrql() == PASSIVE_LEVEL);
+    }
+    // A surprise-removed stack gets its IRP_MN_REMOVE_DEVICE from the close
+    // of its last file object, in the closer's thread (records are only
+    // freed at PASSIVE_LEVEL: inline by a caller, else on the worker).
+    if (removal) {
+        finishDeferredRemoval(removal);
     }
 }
 
@@ -501,6 +509,9 @@ NTSTATUS Process::open(std::u16string_view path, ACCESS_MASK desiredAccess, Hand
         if (device->deleted || (device->object.Flags & DO_DEVICE_INITIALIZING) != 0) {
             return STATUS_NO_SUCH_DEVICE;
         }
+        if (stackRemovalStartedLocked(device)) {
+            return STATUS_DELETE_PENDING;
+        }
         DeviceRecord *top = topOfStackLocked(device);
         if ((device->object.Flags & DO_EXCLUSIVE) != 0 && device->openFiles > 0) {
             return STATUS_ACCESS_DENIED;
@@ -528,17 +539,20 @@ NTSTATUS Process::openRelative(Handle related, std::u16string_view name, ACCESS_
         return STATUS_INVALID_HANDLE;
     }
     DeviceRecord *device = relatedFile->device;
+    NTSTATUS refused = STATUS_SUCCESS;
     {
         std::lock_guard<std::mutex> lock(objectsMutex());
         if (device->deleted) {
-            device = nullptr;
+            refused = STATUS_NO_SUCH_DEVICE;
+        } else if (stackRemovalStartedLocked(device)) {
+            refused = STATUS_DELETE_PENDING;
         } else {
             device->openFiles++;
         }
     }
-    if (device == nullptr) {
+    if (!NT_SUCCESS(refused)) {
         releaseFile(relatedFile, true);
-        return STATUS_NO_SUCH_DEVICE;
+        return refused;
     }
     return openFile(state_, relatedFile, device, std::u16string(name), desiredAccess, options, handle);
 }

@@ -269,6 +269,16 @@ NTSTATUS openOrCreateKeyPath(std::u16string_view path, ACCESS_MASK access, bool 
 
 // ------------------------------------------------------------------ plug and play
 void pdoRemoved(DeviceRecord *pdo); // disables its interfaces (objectsMutex held)
+// Opens of a device whose stack is being removed, or was surprise-removed and
+// waits for its last file object, fail with STATUS_DELETE_PENDING
+// (objectsMutex held).
+bool stackRemovalStartedLocked(DeviceRecord *device);
+// Called when a file object naming `device` goes (objectsMutex held): the
+// node whose surprise removal this file object was the last to hold up, for
+// finishDeferredRemoval once the lock is released; null otherwise.
+std::shared_ptr<DeviceNodeState> takeDeferredRemovalLocked(DeviceRecord *device);
+// IRP_MN_REMOVE_DEVICE to the stack and the PDO deleted (PASSIVE_LEVEL).
+void finishDeferredRemoval(const std::shared_ptr<DeviceNodeState> &node);
 void resetInterfacesLocked();
 void resetPnp();
 std::vector<std::string> liveDeviceNodeDescriptions();

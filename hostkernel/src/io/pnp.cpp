@@ -9,13 +9,23 @@
 
 namespace hostkernel::detail {
 
+// Where a node's removal stands. Opens of the stack are refused from the
+// moment a removal begins; only the node's own removal moves it on.
+enum class Removal {
+    None,
+    Removing,          // query-remove/remove (or a failed add's remove) under way
+    SurpriseRemoving,  // IRP_MN_SURPRISE_REMOVAL under way
+    AwaitingLastClose, // surprise-removed; IRP_MN_REMOVE_DEVICE waits for the stack's last file object
+};
+
 struct DeviceNodeState {
     DeviceRecord *pdo = nullptr; // null once the bus has deleted it
     PDEVICE_OBJECT pdoObject = nullptr;
     std::u16string instancePath;
     std::u16string pdoName;
     NTSTATUS addStatus = STATUS_PENDING;
-    bool removed = false;
+    Removal removal = Removal::None; // objectsMutex
+    std::atomic<bool> removed{false};
 };
 
 namespace {
@@ -177,6 +187,28 @@ IoResult sendPnp(DeviceNodeState &node, UCHAR minor, void (*setup)(PIO_STACK_LOC
     return result;
 }
 
+// File objects that name a device of the node's stack (the PDO, through
+// which interface opens come, and whatever is attached above it); handles on
+// other devices of the same driver do not hold the stack. objectsMutex held.
+long stackOpenFilesLocked(const DeviceNodeState &node)
+{
+    long open = 0;
+    for (DeviceRecord *device = node.pdo; device != nullptr;
+         device = device->object.AttachedDevice != nullptr ? deviceRecordOf(device->object.AttachedDevice) : nullptr) {
+        open += device->openFiles;
+    }
+    return open;
+}
+
+// The node whose stack `device` is part of: the bottom device's. objectsMutex held.
+DeviceNodeState *nodeOfStackLocked(DeviceRecord *device)
+{
+    while (device->lower != nullptr) {
+        device = device->lower;
+    }
+    return device->node;
+}
+
 void deletePdo(DeviceNodeState &node)
 {
     std::u16string attached;
@@ -195,6 +227,7 @@ void deletePdo(DeviceNodeState &node)
     runInSystemThread([&] { IoDeleteDevice(node.pdoObject); }, "the root bus's device removal");
     std::lock_guard<std::mutex> lock(objectsMutex());
     node.pdo = nullptr;
+    node.removal = Removal::None;
     node.removed = true;
     gNodes.erase(std::remove_if(gNodes.begin(), gNodes.end(), [&](auto &n) { return n.get() == &node; }),
                  gNodes.end());
@@ -212,6 +245,33 @@ void pdoRemoved(DeviceRecord *pdo)
             record.pdo = nullptr;
         }
     }
+}
+
+bool stackRemovalStartedLocked(DeviceRecord *device)
+{
+    DeviceNodeState *node = nodeOfStackLocked(device);
+    return node != nullptr && node->removal != Removal::None;
+}
+
+std::shared_ptr<DeviceNodeState> takeDeferredRemovalLocked(DeviceRecord *device)
+{
+    DeviceNodeState *node = nodeOfStackLocked(device);
+    if (node == nullptr || node->removal != Removal::AwaitingLastClose || stackOpenFilesLocked(*node) != 0) {
+        return nullptr;
+    }
+    for (auto &candidate : gNodes) {
+        if (candidate.get() == node) {
+            node->removal = Removal::Removing; // claimed: exactly one closer sends the removal
+            return candidate;
+        }
+    }
+    return nullptr;
+}
+
+void finishDeferredRemoval(const std::shared_ptr<DeviceNodeState> &node)
+{
+    sendPnp(*node, IRP_MN_REMOVE_DEVICE, nullptr, nullptr);
+    deletePdo(*node);
 }
 
 void resetInterfacesLocked()
@@ -235,6 +295,12 @@ std::vector<std::string> liveDeviceNodeDescriptions()
     std::lock_guard<std::mutex> lock(objectsMutex());
     std::vector<std::string> out;
     for (auto &node : gNodes) {
+        if (node->removal == Removal::AwaitingLastClose) {
+            out.push_back("device " + narrow(node->instancePath) + " (PDO " + narrow(node->pdoName) +
+                          ") was surprise-removed and still waits for " + std::to_string(stackOpenFilesLocked(*node)) +
+                          " file object(s) on its stack to close");
+            continue;
+        }
         out.push_back("device " + narrow(node->instancePath) + " (PDO " + narrow(node->pdoName) +
                       ") was never removed");
     }
@@ -381,11 +447,8 @@ PDEVICE_OBJECT DeviceNode::pdo() const
 
 PDEVICE_OBJECT DeviceNode::top() const
 {
-    if (state_->removed) {
-        return nullptr;
-    }
     std::lock_guard<std::mutex> lock(objectsMutex());
-    return &topOfStackLocked(state_->pdo)->object;
+    return state_->pdo != nullptr ? &topOfStackLocked(state_->pdo)->object : nullptr;
 }
 
 const std::u16string &DeviceNode::instancePath() const
@@ -403,11 +466,23 @@ bool DeviceNode::removed() const
     return state_->removed;
 }
 
+// Requests other than the removal's own go to a stack only while no removal
+// has begun.
+NTSTATUS DeviceNode::acceptsRequests() const
+{
+    std::lock_guard<std::mutex> lock(objectsMutex());
+    if (state_->removed) {
+        return STATUS_NO_SUCH_DEVICE;
+    }
+    return state_->removal == Removal::None ? STATUS_SUCCESS : STATUS_DELETE_PENDING;
+}
+
 NTSTATUS DeviceNode::start(const CM_RESOURCE_LIST *raw, const CM_RESOURCE_LIST *translated)
 {
     requirePassive("DeviceNode::start");
-    if (state_->removed) {
-        return STATUS_NO_SUCH_DEVICE;
+    NTSTATUS status = acceptsRequests();
+    if (!NT_SUCCESS(status)) {
+        return status;
     }
     const CM_RESOURCE_LIST *lists[2] = {raw, translated};
     return sendPnp(*state_, IRP_MN_START_DEVICE,
@@ -430,10 +505,11 @@ NTSTATUS DeviceNode::start()
 NTSTATUS DeviceNode::stop()
 {
     requirePassive("DeviceNode::stop");
-    if (state_->removed) {
-        return STATUS_NO_SUCH_DEVICE;
+    NTSTATUS status = acceptsRequests();
+    if (!NT_SUCCESS(status)) {
+        return status;
     }
-    NTSTATUS status = sendPnp(*state_, IRP_MN_QUERY_STOP_DEVICE, nullptr, nullptr).status;
+    status = sendPnp(*state_, IRP_MN_QUERY_STOP_DEVICE, nullptr, nullptr).status;
     if (!NT_SUCCESS(status)) {
         sendPnp(*state_, IRP_MN_CANCEL_STOP_DEVICE, nullptr, nullptr);
         return status;
@@ -444,12 +520,29 @@ NTSTATUS DeviceNode::stop()
 NTSTATUS DeviceNode::remove()
 {
     requirePassive("DeviceNode::remove");
-    if (state_->removed) {
-        return STATUS_NO_SUCH_DEVICE;
+    {
+        // The check for open handles and the start of the removal are one
+        // step: an open that comes after it is refused, so no handle slips
+        // onto a stack that is about to go.
+        std::lock_guard<std::mutex> lock(objectsMutex());
+        if (state_->removed) {
+            return STATUS_NO_SUCH_DEVICE;
+        }
+        if (state_->removal != Removal::None) {
+            return STATUS_DELETE_PENDING;
+        }
+        // Windows vetoes the removal itself (PNP_VetoOutstandingOpen) while
+        // file objects are open on the stack; no driver hears of it.
+        if (stackOpenFilesLocked(*state_) != 0) {
+            return STATUS_PLUGPLAY_QUERY_VETOED;
+        }
+        state_->removal = Removal::Removing;
     }
     NTSTATUS status = sendPnp(*state_, IRP_MN_QUERY_REMOVE_DEVICE, nullptr, nullptr).status;
     if (!NT_SUCCESS(status)) {
         sendPnp(*state_, IRP_MN_CANCEL_REMOVE_DEVICE, nullptr, nullptr);
+        std::lock_guard<std::mutex> lock(objectsMutex());
+        state_->removal = Removal::None;
         return status;
     }
     status = sendPnp(*state_, IRP_MN_REMOVE_DEVICE, nullptr, nullptr).status;
@@ -460,21 +553,46 @@ NTSTATUS DeviceNode::remove()
 NTSTATUS DeviceNode::surpriseRemove()
 {
     requirePassive("DeviceNode::surpriseRemove");
-    if (state_->removed) {
-        return STATUS_NO_SUCH_DEVICE;
+    {
+        std::lock_guard<std::mutex> lock(objectsMutex());
+        if (state_->removed) {
+            return STATUS_NO_SUCH_DEVICE;
+        }
+        if (state_->removal != Removal::None) {
+            return STATUS_DELETE_PENDING;
+        }
+        state_->removal = Removal::SurpriseRemoving;
     }
     sendPnp(*state_, IRP_MN_SURPRISE_REMOVAL, nullptr, nullptr);
+    {
+        // File objects closed while the surprise removal was under way only
+        // lowered the count; whichever side sees it reach zero from here on
+        // sends the removal.
+        std::lock_guard<std::mutex> lock(objectsMutex());
+        if (stackOpenFilesLocked(*state_) != 0) {
+            state_->removal = Removal::AwaitingLastClose;
+            return STATUS_PENDING;
+        }
+        state_->removal = Removal::Removing;
+    }
     NTSTATUS status = sendPnp(*state_, IRP_MN_REMOVE_DEVICE, nullptr, nullptr).status;
     deletePdo(*state_);
     return status;
 }
 
+bool DeviceNode::removalPending() const
+{
+    std::lock_guard<std::mutex> lock(objectsMutex());
+    return state_->removal == Removal::AwaitingLastClose;
+}
+
 IoResult DeviceNode::send(UCHAR minorFunction, void (*setup)(PIO_STACK_LOCATION, void *), void *context)
 {
     requirePassive("DeviceNode::send");
-    if (state_->removed) {
+    NTSTATUS refused = acceptsRequests();
+    if (!NT_SUCCESS(refused)) {
         IoResult result;
-        result.status = result.dispatchStatus = STATUS_NO_SUCH_DEVICE;
+        result.status = result.dispatchStatus = refused;
         return result;
     }
     return sendPnp(*state_, minorFunction, setup, context);
@@ -515,6 +633,21 @@ std::shared_ptr<DeviceNode> addRootDevice(PDRIVER_OBJECT driver, std::u16string_
     runInSystemThread([&] { status = addDevice(driver, &pdo->object); }, "AddDevice");
     state->addStatus = status;
     if (!NT_SUCCESS(status)) {
+        // A failed AddDevice may leave devices it attached before it failed.
+        // Windows tears down what was built (the devnode keeps a failed-add
+        // problem): the stack gets IRP_MN_REMOVE_DEVICE at its top, and each
+        // driver detaches and deletes its own device as for any removal. A
+        // driver that keeps its device attached is then the leak the PDO's
+        // deletion reports.
+        bool attached;
+        {
+            std::lock_guard<std::mutex> lock(objectsMutex());
+            attached = pdo->object.AttachedDevice != nullptr;
+            state->removal = Removal::Removing;
+        }
+        if (attached) {
+            sendPnp(*state, IRP_MN_REMOVE_DEVICE, nullptr, nullptr);
+        }
         deletePdo(*state);
     }
     return std::make_shared<DeviceNode>(state);
