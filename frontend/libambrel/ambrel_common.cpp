@@ -194,4 +194,56 @@ unsigned effectiveAccess(const ambrel_options *options)
     return access == 0 ? AMBREL_READ | AMBREL_WRITE : access;
 }
 
+namespace {
+thread_local int gLastOsError = 0;
+} // namespace
+
+void setLastOsError(int code)
+{
+    gLastOsError = code;
+}
+
+int beginOpen(const char *name, const ambrel_options *options, ambrel_port **port, std::string *fileName)
+{
+    if (port == nullptr) {
+        return AMBREL_E_INVALID;
+    }
+    *port = nullptr;
+    return buildFileName(name, options, fileName);
+}
+
+int checkTransfer(const void *buffer, size_t length, unsigned portAccess, unsigned direction)
+{
+    if (buffer == nullptr || length == 0) {
+        return AMBREL_E_INVALID;
+    }
+    if ((portAccess & direction) == 0) {
+        return AMBREL_E_DIRECTION;
+    }
+    // A write goes to the driver as one block, which it refuses above this.
+    if (direction == AMBREL_WRITE && length > AMBREL_MAX_WRITE) {
+        return AMBREL_E_TOOBIG;
+    }
+    return AMBREL_OK;
+}
+
+int checkProcessIdArguments(const uint64_t *ids, size_t capacity, const size_t *count)
+{
+    return count == nullptr || (ids == nullptr && capacity != 0) ? AMBREL_E_INVALID : AMBREL_OK;
+}
+
+void copyProcessIds(const uint64_t *found, size_t foundCount, uint64_t *ids, size_t capacity, size_t *count)
+{
+    size_t n = foundCount < capacity ? foundCount : capacity;
+    for (size_t i = 0; i < n; ++i) {
+        ids[i] = found[i];
+    }
+    *count = n;
+}
+
 } // namespace ambrel
+
+extern "C" int ambrel_last_os_error(void)
+{
+    return ambrel::gLastOsError;
+}

@@ -24,8 +24,6 @@ struct ambrel_port {
 namespace ambrel {
 namespace {
 
-thread_local int gLastOsError = 0;
-
 int fromErrno(int e)
 {
     setLastOsError(e);
@@ -70,29 +68,15 @@ std::string mountRoot(const ambrel_options *options)
 
 } // namespace
 
-void setLastOsError(int code)
-{
-    gLastOsError = code;
-}
-
 } // namespace ambrel
 
 extern "C" {
 
-int ambrel_last_os_error(void)
-{
-    return ambrel::gLastOsError;
-}
-
 int ambrel_open(const char *name, const ambrel_options *options, ambrel_port **port)
 {
     using namespace ambrel;
-    if (port == nullptr) {
-        return AMBREL_E_INVALID;
-    }
-    *port = nullptr;
     std::string fileName;
-    int error = buildFileName(name, options, &fileName);
+    int error = beginOpen(name, options, port, &fileName);
     if (error != AMBREL_OK) {
         return error;
     }
@@ -127,11 +111,11 @@ int ambrel_open(const char *name, const ambrel_options *options, ambrel_port **p
 long ambrel_read(ambrel_port *port, void *buffer, size_t length, int timeout_ms)
 {
     using namespace ambrel;
-    if (port == nullptr || buffer == nullptr || length == 0) {
+    if (port == nullptr) {
         return AMBREL_E_INVALID;
     }
-    if ((port->access & AMBREL_READ) == 0) {
-        return AMBREL_E_DIRECTION;
+    if (int error = checkTransfer(buffer, length, port->access, AMBREL_READ); error != AMBREL_OK) {
+        return error;
     }
     if (length > size_t(LONG_MAX)) {
         length = size_t(LONG_MAX);
@@ -164,14 +148,11 @@ long ambrel_read(ambrel_port *port, void *buffer, size_t length, int timeout_ms)
 long ambrel_write(ambrel_port *port, const void *data, size_t length)
 {
     using namespace ambrel;
-    if (port == nullptr || data == nullptr || length == 0) {
+    if (port == nullptr) {
         return AMBREL_E_INVALID;
     }
-    if ((port->access & AMBREL_WRITE) == 0) {
-        return AMBREL_E_DIRECTION;
-    }
-    if (length > AMBREL_MAX_WRITE) {
-        return AMBREL_E_TOOBIG;
+    if (int error = checkTransfer(data, length, port->access, AMBREL_WRITE); error != AMBREL_OK) {
+        return error;
     }
     ssize_t n;
     do {
@@ -186,18 +167,17 @@ long ambrel_write(ambrel_port *port, const void *data, size_t length)
 int ambrel_process_ids(ambrel_port *port, uint64_t *ids, size_t capacity, size_t *count)
 {
     using namespace ambrel;
-    if (port == nullptr || count == nullptr || (ids == nullptr && capacity != 0)) {
+    if (port == nullptr) {
         return AMBREL_E_INVALID;
+    }
+    if (int error = checkProcessIdArguments(ids, capacity, count); error != AMBREL_OK) {
+        return error;
     }
     struct ambrel_process_ids reply = {};
     if (::ioctl(port->fd, AMBREL_IOC_PROCESS_IDS, &reply) != 0) {
         return fromErrno(errno);
     }
-    size_t n = reply.count < capacity ? size_t(reply.count) : capacity;
-    for (size_t i = 0; i < n; ++i) {
-        ids[i] = reply.ids[i];
-    }
-    *count = n;
+    copyProcessIds(reply.ids, size_t(reply.count), ids, capacity, count);
     return AMBREL_OK;
 }
 

@@ -19,8 +19,6 @@ struct ambrel_port {
 namespace ambrel {
 namespace {
 
-thread_local int gLastOsError = 0;
-
 // The control code of the driver's process-id query.
 constexpr DWORD kIoctlProcessIds = 0x80012004;
 
@@ -77,29 +75,15 @@ std::wstring widen(const std::string &utf8)
 
 } // namespace
 
-void setLastOsError(int code)
-{
-    gLastOsError = code;
-}
-
 } // namespace ambrel
 
 extern "C" {
 
-int ambrel_last_os_error(void)
-{
-    return ambrel::gLastOsError;
-}
-
 int ambrel_open(const char *name, const ambrel_options *options, ambrel_port **port)
 {
     using namespace ambrel;
-    if (port == nullptr) {
-        return AMBREL_E_INVALID;
-    }
-    *port = nullptr;
     std::string fileName;
-    int error = buildFileName(name, options, &fileName);
+    int error = beginOpen(name, options, port, &fileName);
     if (error != AMBREL_OK) {
         return error;
     }
@@ -135,11 +119,11 @@ int ambrel_open(const char *name, const ambrel_options *options, ambrel_port **p
 long ambrel_read(ambrel_port *port, void *buffer, size_t length, int timeout_ms)
 {
     using namespace ambrel;
-    if (port == nullptr || buffer == nullptr || length == 0) {
+    if (port == nullptr) {
         return AMBREL_E_INVALID;
     }
-    if ((port->access & AMBREL_READ) == 0) {
-        return AMBREL_E_DIRECTION;
+    if (int error = checkTransfer(buffer, length, port->access, AMBREL_READ); error != AMBREL_OK) {
+        return error;
     }
     DWORD want = length > 0x7FFFFFFF ? 0x7FFFFFFF : DWORD(length);
     OVERLAPPED ov = {};
@@ -172,14 +156,11 @@ long ambrel_read(ambrel_port *port, void *buffer, size_t length, int timeout_ms)
 long ambrel_write(ambrel_port *port, const void *data, size_t length)
 {
     using namespace ambrel;
-    if (port == nullptr || data == nullptr || length == 0) {
+    if (port == nullptr) {
         return AMBREL_E_INVALID;
     }
-    if ((port->access & AMBREL_WRITE) == 0) {
-        return AMBREL_E_DIRECTION;
-    }
-    if (length > AMBREL_MAX_WRITE) {
-        return AMBREL_E_TOOBIG;
+    if (int error = checkTransfer(data, length, port->access, AMBREL_WRITE); error != AMBREL_OK) {
+        return error;
     }
     OVERLAPPED ov = {};
     ov.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
@@ -201,8 +182,11 @@ long ambrel_write(ambrel_port *port, const void *data, size_t length)
 int ambrel_process_ids(ambrel_port *port, uint64_t *ids, size_t capacity, size_t *count)
 {
     using namespace ambrel;
-    if (port == nullptr || count == nullptr || (ids == nullptr && capacity != 0)) {
+    if (port == nullptr) {
         return AMBREL_E_INVALID;
+    }
+    if (int error = checkProcessIdArguments(ids, capacity, count); error != AMBREL_OK) {
+        return error;
     }
     uint64_t reply[AMBREL_MAX_PROCESS_IDS] = {};
     OVERLAPPED ov = {};
@@ -223,12 +207,7 @@ int ambrel_process_ids(ambrel_port *port, uint64_t *ids, size_t capacity, size_t
     if (result != AMBREL_OK) {
         return result;
     }
-    size_t found = bytes / 8;
-    size_t n = found < capacity ? found : capacity;
-    for (size_t i = 0; i < n; ++i) {
-        ids[i] = reply[i];
-    }
-    *count = n;
+    copyProcessIds(reply, bytes / 8, ids, capacity, count);
     return AMBREL_OK;
 }
 
