@@ -45,12 +45,13 @@ struct PinDescription {
     std::vector<GUID> subFormats; // of its data ranges, in order
 };
 
-class Filter {
+// A kernel-streaming object a client process has open: a filter or a pin.
+// The handle is closed with the object unless close() came first.
+class KsObject {
 public:
-    static NTSTATUS open(Process &process, std::u16string_view path, std::unique_ptr<Filter> *out);
-    ~Filter();
-    Filter(const Filter &) = delete;
-    Filter &operator=(const Filter &) = delete;
+    ~KsObject();
+    KsObject(const KsObject &) = delete;
+    KsObject &operator=(const KsObject &) = delete;
     NTSTATUS close();
 
     Process &process() const { return process_; }
@@ -62,6 +63,18 @@ public:
                       const void *instance = nullptr, ULONG instanceSize = 0,
                       std::optional<ULONG> node = std::nullopt);
 
+protected:
+    KsObject(Process &process, Handle handle) : process_(process), handle_(handle) {}
+
+private:
+    Process &process_;
+    Handle handle_;
+};
+
+class Filter : public KsObject {
+public:
+    static NTSTATUS open(Process &process, std::u16string_view path, std::unique_ptr<Filter> *out);
+
     NTSTATUS pinCount(ULONG *count);
     NTSTATUS describePin(ULONG pinId, PinDescription *out);
     NTSTATUS pinName(ULONG pinId, std::u16string *name);
@@ -71,25 +84,14 @@ public:
     std::optional<ULONG> findPin(KSPIN_DATAFLOW dataFlow, const GUID &subFormat);
 
 private:
-    Filter(Process &process, Handle handle) : process_(process), handle_(handle) {}
-    Process &process_;
-    Handle handle_;
+    using KsObject::KsObject;
 };
 
-class Pin {
+class Pin : public KsObject {
 public:
     // A pin created on the filter with a KSPIN_CONNECT for pinId and a
     // music KSDATAFORMAT of that sub-format.
     static NTSTATUS open(Filter &filter, ULONG pinId, const GUID &subFormat, std::unique_ptr<Pin> *out);
-    ~Pin();
-    Pin(const Pin &) = delete;
-    Pin &operator=(const Pin &) = delete;
-    NTSTATUS close();
-
-    Handle handle() const { return handle_; }
-    IoResult property(const GUID &set, ULONG id, ULONG verb, void *value, ULONG valueSize,
-                      const void *instance = nullptr, ULONG instanceSize = 0,
-                      std::optional<ULONG> node = std::nullopt);
 
     NTSTATUS setState(KSSTATE state);
     NTSTATUS state(KSSTATE *state);
@@ -103,10 +105,8 @@ public:
                      ULONG bufferSize = 4096);
 
 private:
-    Pin(Process &process, Handle handle) : process_(process), handle_(handle) {}
+    using KsObject::KsObject;
     NTSTATUS readOnce(std::vector<Message> *out, ULONG bufferSize);
-    Process &process_;
-    Handle handle_;
 };
 
 // The name a pin creation carries: KSSTRING_Pin, a backslash, then the

@@ -117,9 +117,9 @@ NTSTATUS Filter::open(Process &process, std::u16string_view path, std::unique_pt
     return status;
 }
 
-Filter::~Filter() { close(); }
+KsObject::~KsObject() { close(); }
 
-NTSTATUS Filter::close()
+NTSTATUS KsObject::close()
 {
     if (handle_ == 0) {
         return STATUS_INVALID_HANDLE;
@@ -129,8 +129,8 @@ NTSTATUS Filter::close()
     return status;
 }
 
-IoResult Filter::property(const GUID &set, ULONG id, ULONG verb, void *value, ULONG valueSize,
-                          const void *instance, ULONG instanceSize, std::optional<ULONG> node)
+IoResult KsObject::property(const GUID &set, ULONG id, ULONG verb, void *value, ULONG valueSize,
+                            const void *instance, ULONG instanceSize, std::optional<ULONG> node)
 {
     return propertyRequest(process_, handle_, set, id, verb, value, valueSize, instance, instanceSize, node);
 }
@@ -278,23 +278,6 @@ NTSTATUS Pin::open(Filter &filter, ULONG pinId, const GUID &subFormat, std::uniq
     return status;
 }
 
-Pin::~Pin() { close(); }
-
-NTSTATUS Pin::close()
-{
-    if (handle_ == 0) {
-        return STATUS_INVALID_HANDLE;
-    }
-    NTSTATUS status = process_.close(handle_);
-    handle_ = 0;
-    return status;
-}
-
-IoResult Pin::property(const GUID &set, ULONG id, ULONG verb, void *value, ULONG valueSize, const void *instance,
-                       ULONG instanceSize, std::optional<ULONG> node)
-{
-    return propertyRequest(process_, handle_, set, id, verb, value, valueSize, instance, instanceSize, node);
-}
 
 NTSTATUS Pin::setState(KSSTATE state)
 {
@@ -319,7 +302,7 @@ NTSTATUS Pin::send(const std::vector<uint8_t> &message, ULONG deltaMs)
     header.FrameExtent = ULONG(data.size());
     header.DataUsed = ULONG(data.size());
     header.Data = data.data();
-    return process_.deviceControl(handle_, IOCTL_KS_WRITE_STREAM, nullptr, 0, &header, sizeof(header)).status;
+    return process().deviceControl(handle(), IOCTL_KS_WRITE_STREAM, nullptr, 0, &header, sizeof(header)).status;
 }
 
 NTSTATUS Pin::send(const std::vector<std::vector<uint8_t>> &messages)
@@ -337,7 +320,7 @@ NTSTATUS Pin::send(const std::vector<std::vector<uint8_t>> &messages)
     header.FrameExtent = ULONG(data.size());
     header.DataUsed = ULONG(data.size());
     header.Data = data.data();
-    return process_.deviceControl(handle_, IOCTL_KS_WRITE_STREAM, nullptr, 0, &header, sizeof(header)).status;
+    return process().deviceControl(handle(), IOCTL_KS_WRITE_STREAM, nullptr, 0, &header, sizeof(header)).status;
 }
 
 NTSTATUS Pin::readOnce(std::vector<Message> *out, ULONG bufferSize)
@@ -347,7 +330,7 @@ NTSTATUS Pin::readOnce(std::vector<Message> *out, ULONG bufferSize)
     header.Size = sizeof(header);
     header.FrameExtent = bufferSize;
     header.Data = data.data();
-    IoResult r = process_.deviceControl(handle_, IOCTL_KS_READ_STREAM, nullptr, 0, &header, sizeof(header));
+    IoResult r = process().deviceControl(handle(), IOCTL_KS_READ_STREAM, nullptr, 0, &header, sizeof(header));
     if (!NT_SUCCESS(r.status)) {
         return r.status;
     }
@@ -385,7 +368,7 @@ NTSTATUS Pin::receive(std::vector<Message> *out, std::optional<std::chrono::mill
         std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
     while (!done) {
-        process_.cancelIo(handle_);
+        process().cancelIo(handle());
         std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
     reader.join();

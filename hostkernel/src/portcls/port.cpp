@@ -271,33 +271,6 @@ NTSTATUS Port::description(const PCFILTER_DESCRIPTOR **out)
     return STATUS_SUCCESS;
 }
 
-PMINIPORTDMUS Port::miniport()
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (miniport_ != NULL) {
-        miniport_->AddRef();
-    }
-    return miniport_;
-}
-
-PPINCOUNT Port::pinCountInterface()
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (pinCount_ != NULL) {
-        pinCount_->AddRef();
-    }
-    return pinCount_;
-}
-
-PPINNAME Port::pinNameInterface()
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (pinName_ != NULL) {
-        pinName_->AddRef();
-    }
-    return pinName_;
-}
-
 bool Port::openFilter()
 {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -44,9 +44,9 @@ public:
     // The miniport's description, asked for afresh.
     NTSTATUS description(const PCFILTER_DESCRIPTOR **out);
     // Counted interfaces of the miniport, null once the port let go of it.
-    PMINIPORTDMUS miniport();
-    PPINCOUNT pinCountInterface();
-    PPINNAME pinNameInterface();
+    PMINIPORTDMUS miniport() { return referenced(&Port::miniport_); }
+    PPINCOUNT pinCountInterface() { return referenced(&Port::pinCount_); }
+    PPINNAME pinNameInterface() { return referenced(&Port::pinName_); }
     Allocator *allocator() { return allocator_; }
     IMasterClock *clock() { return clock_; }
 
@@ -74,6 +74,18 @@ public:
     void service(bool notified);
 
 private:
+    // One of the miniport's interfaces with a reference of the caller's own,
+    // taken under the lock that the port's release of them also takes.
+    template <typename Face> Face *referenced(Face *Port::*member)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        Face *face = this->*member;
+        if (face != NULL) {
+            face->AddRef();
+        }
+        return face;
+    }
+
     void finalRelease() override;
     void maybeReleaseChildren();
     static VOID periodicDpc(PKDPC, PVOID context, PVOID, PVOID);
