@@ -662,6 +662,22 @@ void replyOpen(fuse_req_t req, struct fuse_file_info *, std::shared_ptr<OpenFile
     }
 }
 
+// The host process standing for the Linux process behind a request, or null
+// after the request has been answered with the reason there is none.
+std::shared_ptr<hk::Process> callerProcess(fuse_req_t req)
+{
+    const fuse_ctx *ctx = fuse_req_ctx(req);
+    if (ctx->pid <= 0) {
+        fuse_reply_err(req, EPERM);
+        return nullptr;
+    }
+    std::shared_ptr<hk::Process> process = gState->processes.get(processIdOf(ctx->pid));
+    if (!process) {
+        fuse_reply_err(req, EIO);
+    }
+    return process;
+}
+
 void openControl(fuse_req_t req, const std::string &fileName, struct fuse_file_info *fi)
 {
     std::u16string name16;
@@ -669,19 +685,13 @@ void openControl(fuse_req_t req, const std::string &fileName, struct fuse_file_i
         fuse_reply_err(req, EINVAL);
         return;
     }
-    const fuse_ctx *ctx = fuse_req_ctx(req);
-    if (ctx->pid <= 0) {
-        fuse_reply_err(req, EPERM);
-        return;
-    }
     int mode = fi->flags & O_ACCMODE;
     ACCESS_MASK access = mode == O_RDONLY ? FILE_GENERIC_READ
                          : mode == O_WRONLY ? FILE_GENERIC_WRITE
                                             : FILE_GENERIC_READ | FILE_GENERIC_WRITE;
     auto file = std::make_unique<OwnerFile>();
-    file->process = gState->processes.get(processIdOf(ctx->pid));
+    file->process = callerProcess(req);
     if (!file->process) {
-        fuse_reply_err(req, EIO);
         return;
     }
     NTSTATUS status = file->process->open(kControlLink + u"\\" + name16, access, &file->handle);
@@ -730,15 +740,9 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi)
             fuse_reply_err(req, EACCES);
             return;
         }
-        const fuse_ctx *ctx = fuse_req_ctx(req);
-        if (ctx->pid <= 0) {
-            fuse_reply_err(req, EPERM);
-            return;
-        }
         // The filter is opened as the reader, as any MIDI client would.
-        std::shared_ptr<hk::Process> reader = gState->processes.get(processIdOf(ctx->pid));
+        std::shared_ptr<hk::Process> reader = callerProcess(req);
         if (!reader) {
-            fuse_reply_err(req, EIO);
             return;
         }
         auto file = std::make_unique<InfoFile>();
@@ -758,14 +762,8 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi)
             fuse_reply_err(req, EACCES);
             return;
         }
-        const fuse_ctx *ctx = fuse_req_ctx(req);
-        if (ctx->pid <= 0) {
-            fuse_reply_err(req, EPERM);
-            return;
-        }
-        std::shared_ptr<hk::Process> client = gState->processes.get(processIdOf(ctx->pid));
+        std::shared_ptr<hk::Process> client = callerProcess(req);
         if (!client) {
-            fuse_reply_err(req, EIO);
             return;
         }
         std::unique_ptr<PinFile> pin;
