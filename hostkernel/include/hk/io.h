@@ -276,12 +276,34 @@ typedef struct _MDL {
 #define MDL_PAGES_LOCKED 0x0002
 #define MDL_SOURCE_IS_NONPAGED_POOL 0x0004
 
+#define PAGE_SIZE 0x1000
+#define PAGE_ALIGN(Va) ((PVOID)((ULONG_PTR)(Va) & ~(ULONG_PTR)(PAGE_SIZE - 1)))
+#define BYTE_OFFSET(Va) ((ULONG)((ULONG_PTR)(Va) & (PAGE_SIZE - 1)))
+#define ADDRESS_AND_SIZE_TO_SPAN_PAGES(Va, Size) \
+    ((ULONG)((((ULONG_PTR)(Size)) >> 12) + ((BYTE_OFFSET(Va) + ((ULONG_PTR)(Size) & (PAGE_SIZE - 1)) + PAGE_SIZE - 1) >> 12)))
+
 typedef enum _MM_PAGE_PRIORITY { LowPagePriority = 0, NormalPagePriority = 16, HighPagePriority = 32 } MM_PAGE_PRIORITY;
 
 // The system-space address of the buffer, or null when the mapping fails
-// (the host can be told to fail it: hostkernel::injectIoFault).
+// (the host can be told to fail it: hostkernel::injectIoFault). An MDL that
+// describes neither locked pages nor non-paged pool cannot be mapped: that is
+// a bug check, as on Windows.
 PVOID MmGetSystemAddressForMdlSafe(PMDL Mdl, ULONG Priority);
 inline ULONG MmGetMdlByteCount(PMDL Mdl) { return Mdl->ByteCount; }
+// Kernel-mode callers describe their own buffers. IoAllocateMdl takes the MDL
+// (and its page array) from non-paged pool, tag 'Mdl ', so an MDL never freed
+// is a pool leak; it returns null when the pool says no or Length is above
+// what one MDL can describe. With an Irp it becomes Irp->MdlAddress, or is
+// chained behind it when SecondaryBuffer is set.
+PMDL IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota,
+                   struct _IRP *Irp);
+void IoFreeMdl(PMDL Mdl);
+// For a buffer in non-paged pool (or any memory that cannot be paged out):
+// the MDL maps to the buffer's own address.
+void MmBuildMdlForNonPagedPool(PMDL MemoryDescriptorList);
+// Undoes the locking of MmProbeAndLockPages (which IoBuildAsynchronousFsdRequest
+// does for direct I/O), and the system mapping with it.
+void MmUnlockPages(PMDL MemoryDescriptorList);
 inline ULONG MmGetMdlByteOffset(PMDL Mdl) { return Mdl->ByteOffset; }
 inline PVOID MmGetMdlVirtualAddress(PMDL Mdl) { return (PVOID)((PCHAR)Mdl->StartVa + Mdl->ByteOffset); }
 
@@ -598,7 +620,47 @@ void IoCompleteRequest(PIRP Irp, CCHAR PriorityBoost);
 #define IofCompleteRequest IoCompleteRequest
 // Sets Cancel and, if a cancel routine is set, calls it at DISPATCH_LEVEL
 // with the cancel spin lock held and CancelIrql set; TRUE when it called one.
+// A packet not yet sent has no routine: it keeps Cancel set and FALSE comes
+// back, and the driver it is sent to later sees the flag.
 BOOLEAN IoCancelIrp(PIRP Irp);
+
+// ---------------------------------------------------------------- requests built by kernel-mode callers
+// A packet with StackSize empty locations and no thread, file object or
+// buffer; the caller fills IoGetNextIrpStackLocation(Irp) and sends it with
+// IoCallDriver. Every packet a caller allocates, whether here or through
+// IoBuildAsynchronousFsdRequest, is its to free with IoFreeIrp; one still
+// allocated when the test ends is reported (ObjectReferenceLeak), one sent and
+// never completed is IrpNeverCompleted.
+PIRP IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota);
+// Frees a packet the caller allocated: before it is sent, or once completion
+// has handed it back (a completion routine returned
+// STATUS_MORE_PROCESSING_REQUIRED), typically from that routine. It frees
+// neither the MDLs nor a system buffer: those are the caller's too. Freeing
+// it twice, while a driver still holds it, or freeing a packet the I/O
+// manager issued itself is ObjectDoubleRelease.
+void IoFreeIrp(PIRP Irp);
+// IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_FLUSH_BUFFERS, IRP_MJ_SHUTDOWN, IRP_MJ_PNP
+// or IRP_MJ_POWER for the top of DeviceObject's stack, from the current
+// thread; other majors give null. Reads and writes get what the device's
+// buffering asks for: DO_BUFFERED_IO a system buffer from non-paged pool
+// (holding a write's data; IRP_DEALLOCATE_BUFFER set), DO_DIRECT_IO a locked
+// MDL over Buffer covering exactly Length bytes, otherwise UserBuffer =
+// Buffer; Parameters.Read/Write carry Length and StartingOffset (0 when null).
+// The next stack location has no file object: a caller that wants the
+// driver to see one sets it there. Null when the packet or its buffer cannot
+// be allocated.
+//
+// Completion that runs to the end (no routine returns
+// STATUS_MORE_PROCESSING_REQUIRED) does what the I/O manager does for such a
+// packet: a buffered read's data is copied to Buffer, the system buffer and
+// the MDLs are freed, IoStatusBlock is filled in, and the packet is freed, so
+// the caller must not touch it afterwards. Windows does that in an APC to the
+// issuing thread; the host does it at once, in the completing thread. Real
+// callers therefore set a completion routine that takes the result, frees the
+// MDLs (MmUnlockPages, IoFreeMdl), the system buffer and the packet, and
+// returns STATUS_MORE_PROCESSING_REQUIRED.
+PIRP IoBuildAsynchronousFsdRequest(ULONG MajorFunction, PDEVICE_OBJECT DeviceObject, PVOID Buffer, ULONG Length,
+                                   PLARGE_INTEGER StartingOffset, PIO_STATUS_BLOCK IoStatusBlock);
 
 // ---------------------------------------------------------------- device objects and links
 // PASSIVE_LEVEL. A name already in use gives STATUS_OBJECT_NAME_COLLISION.

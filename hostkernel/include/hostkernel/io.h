@@ -175,12 +175,30 @@ private:
     std::shared_ptr<detail::ProcessState> state_;
 };
 
+// ------------------------------------------------------------------ kernel-mode callers
+// Sends a packet a kernel-mode caller built (IoBuildAsynchronousFsdRequest, or
+// IoAllocateIrp with its next stack location filled in) to `device` from the
+// calling thread, as such a caller does: a completion routine for success,
+// error and cancel takes the result and hands the packet back with
+// STATUS_MORE_PROCESSING_REQUIRED, and the call waits for it at
+// PASSIVE_LEVEL. The result carries the dispatch status and the boost of the
+// completing call. The packet stays the caller's (releaseKernelRequest).
+// nullopt when `timeout` passes first: the packet is still in the driver, and
+// the routine will take it back whenever it is completed.
+std::optional<IoResult> sendKernelRequest(PDEVICE_OBJECT device, PIRP irp,
+                                          std::chrono::milliseconds timeout = std::chrono::seconds(10));
+// What the caller's completion routine does once it has the result: unlocks
+// and frees the packet's MDLs, frees a system buffer the packet owns
+// (IRP_DEALLOCATE_BUFFER), and frees the packet.
+void releaseKernelRequest(PIRP irp);
+
 // ------------------------------------------------------------------ end of test
 // Waits until deferred work has run: closes of files whose last reference an
 // asynchronous completion dropped, and every queued DPC.
 void drainIo();
 // The I/O manager's part of the per-test check: no request left outstanding,
-// no registry handle left open, no timer or DPC still queued, no driver,
+// no packet a kernel-mode caller allocated left unfreed, no registry handle
+// left open, no timer or DPC still queued, no driver,
 // device, file object or object reference left behind. Reports the first
 // violation found.
 void verifyIoQuiescent();

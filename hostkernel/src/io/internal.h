@@ -188,7 +188,10 @@ struct LevelState {
     bool passed = false;          // completion has moved above this location
 };
 
-enum class IrpOrigin { Caller, Pnp, Internal };
+// Caller: the application calls; Pnp: the PnP manager; Internal: the I/O
+// manager's own cleanup and close; Kernel: a kernel-mode caller's packet
+// (IoAllocateIrp, IoBuildAsynchronousFsdRequest), which the caller frees.
+enum class IrpOrigin { Caller, Pnp, Internal, Kernel };
 
 struct IrpRecord : std::enable_shared_from_this<IrpRecord> {
     IrpRecord(CCHAR stackSize, IrpOrigin origin);
@@ -227,6 +230,12 @@ struct IrpRecord : std::enable_shared_from_this<IrpRecord> {
     std::atomic<bool> finished{false};
     std::shared_ptr<IrpRecord> selfWhileLive;
     std::vector<LevelState> levels;
+    CCHAR completionBoost = IO_NO_INCREMENT; // of the latest IoCompleteRequest
+
+    // Kernel packets: sent once by IoCallDriver; freed by IoFreeIrp or by a
+    // completion that ran to the end.
+    std::atomic<bool> sent{false};
+    std::atomic<bool> freed{false};
 };
 
 IrpRecord *irpRecordOf(PIRP irp, const char *routine); // bug check unless valid
@@ -237,6 +246,16 @@ NTSTATUS issueIrp(const std::shared_ptr<IrpRecord> &record, PDEVICE_OBJECT devic
 // returned a final status without completing the request is not waited for.
 IoResult waitIrp(IrpRecord &record);
 size_t outstandingIrpCount();
+// The live set behind IrpNeverCompleted: a kernel packet joins it when first
+// sent and leaves it when completed or freed.
+void trackLiveIrp(IrpRecord *record);
+void untrackLiveIrp(IrpRecord *record);
+std::string describeIrp(const IrpRecord &record);
+// Kernel packets (kernelcaller.cpp): the I/O manager's end of a completion
+// that ran to the end; allocated packets not yet freed; forgetting them all.
+void finishKernelIrp(IrpRecord &record);
+std::vector<std::string> unfreedKernelIrpDescriptions();
+void resetKernelIrps();
 std::vector<std::string> outstandingIrpDescriptions();
 
 // A synchronous request from the current thread to the top of the file's

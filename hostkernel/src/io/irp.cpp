@@ -25,8 +25,7 @@ std::set<IrpRecord *> gLive; // issued, not yet completed
 
 std::string describe(const IrpRecord &record)
 {
-    return std::string(majorName(record.major)) + " request " + hex(ULONG_PTR(record.irp)) +
-           (record.target.empty() ? "" : " to " + narrow(record.target));
+    return describeIrp(record);
 }
 
 // Whether completion of `status` calls a routine registered with `control`.
@@ -46,6 +45,9 @@ void finish(IrpRecord &record, CCHAR boost)
         ULONG_PTR n = irp->IoStatus.Information < record.copyBackLength ? irp->IoStatus.Information
                                                                          : record.copyBackLength;
         memcpy(record.copyBackTo, irp->AssociatedIrp.SystemBuffer, n);
+    }
+    if (record.origin == IrpOrigin::Kernel) {
+        finishKernelIrp(record);
     }
     FileRecord *file = record.file;
     record.file = nullptr;
@@ -76,6 +78,24 @@ void finish(IrpRecord &record, CCHAR boost)
 }
 
 } // namespace
+
+std::string describeIrp(const IrpRecord &record)
+{
+    return std::string(majorName(record.major)) + " request " + hex(ULONG_PTR(record.irp)) +
+           (record.target.empty() ? "" : " to " + narrow(record.target));
+}
+
+void trackLiveIrp(IrpRecord *record)
+{
+    std::lock_guard<std::mutex> lock(gLiveMutex);
+    gLive.insert(record);
+}
+
+void untrackLiveIrp(IrpRecord *record)
+{
+    std::lock_guard<std::mutex> lock(gLiveMutex);
+    gLive.erase(record);
+}
 
 IrpRecord::IrpRecord(CCHAR stackSize, IrpOrigin o) : origin(o)
 {
@@ -189,6 +209,17 @@ NTSTATUS IoCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp)
     IrpRecord *record = irpRecordOf(Irp, "IoCallDriver");
     std::shared_ptr<IrpRecord> keep = record->shared_from_this();
     requireDevice(DeviceObject, "IoCallDriver");
+    if (record->origin == IrpOrigin::Kernel) {
+        if (record->freed) {
+            violation(Rule::ObjectDoubleRelease, "IoCallDriver with " + describe(*record) + " after it was freed");
+        }
+        // A kernel caller's packet is outstanding while it is in a driver:
+        // from its send until completion finishes or hands it back.
+        if (!record->sent.exchange(true)) {
+            record->major = IoGetNextIrpStackLocation(Irp)->MajorFunction;
+        }
+        trackLiveIrp(record);
+    }
 
     Irp->CurrentLocation--;
     if (Irp->CurrentLocation <= 0) {
@@ -247,6 +278,9 @@ void IoCompleteRequest(PIRP Irp, CCHAR PriorityBoost)
     delayPoint(DelayPoint::IrpCompletion);
     IrpRecord *record = irpRecordOf(Irp, "IoCompleteRequest");
     std::shared_ptr<IrpRecord> keep = record->shared_from_this();
+    if (record->freed && !record->finished) {
+        violation(Rule::ObjectDoubleRelease, "IoCompleteRequest on " + describe(*record) + " after IoFreeIrp");
+    }
     if (record->finished || record->completing.exchange(true) || Irp->CurrentLocation > Irp->StackCount) {
         violation(Rule::IrpDoubleCompletion, "IoCompleteRequest on " + describe(*record) + " that is already completed");
     }
@@ -258,6 +292,7 @@ void IoCompleteRequest(PIRP Irp, CCHAR PriorityBoost)
         bugCheck(0xC9, 0x6, ULONG_PTR(Irp), "IoCompleteRequest with STATUS_PENDING");
     }
 
+    record->completionBoost = PriorityBoost;
     PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(Irp);
     Irp->CurrentLocation++;
     Irp->Tail.Overlay.CurrentStackLocation++;
@@ -298,6 +333,11 @@ void IoCompleteRequest(PIRP Irp, CCHAR PriorityBoost)
                                                      ", called at " + std::to_string(irql));
             }
             if (status == STATUS_MORE_PROCESSING_REQUIRED) {
+                // Back with the caller that built it: from here on only
+                // IoFreeIrp is owed, and the end-of-test check says so.
+                if (record->origin == IrpOrigin::Kernel && Irp->CurrentLocation > Irp->StackCount) {
+                    untrackLiveIrp(record);
+                }
                 return;
             }
             if (record->completing.exchange(true)) {
@@ -319,6 +359,9 @@ BOOLEAN IoCancelIrp(PIRP Irp)
     requireIrqlAtMost(DISPATCH_LEVEL, "IoCancelIrp");
     IrpRecord *record = irpRecordOf(Irp, "IoCancelIrp");
     std::shared_ptr<IrpRecord> keep = record->shared_from_this();
+    if (record->freed) {
+        violation(Rule::ObjectDoubleRelease, "IoCancelIrp on " + describe(*record) + " after it was freed");
+    }
     if (record->finished) {
         return FALSE;
     }
@@ -347,5 +390,16 @@ PVOID MmGetSystemAddressForMdlSafe(PMDL Mdl, ULONG Priority)
     if (Mdl == nullptr || takeIoFault(IoFault::MapMdl, nullptr)) {
         return nullptr;
     }
+    if (Mdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL)) {
+        return Mdl->MappedSystemVa;
+    }
+    if (!(Mdl->MdlFlags & MDL_PAGES_LOCKED)) {
+        // Windows would map whatever the page array holds.
+        bugCheck(0x1A, 0, ULONG_PTR(Mdl),
+                 "MmGetSystemAddressForMdlSafe: the MDL describes neither locked pages nor non-paged pool");
+    }
+    // Host memory is one address space: the system mapping is the buffer.
+    Mdl->MappedSystemVa = static_cast<PCHAR>(Mdl->StartVa) + Mdl->ByteOffset;
+    Mdl->MdlFlags |= MDL_MAPPED_TO_SYSTEM_VA;
     return Mdl->MappedSystemVa;
 }

@@ -33,6 +33,9 @@ void verifyIoQuiescent()
     if (auto irps = detail::outstandingIrpDescriptions(); !irps.empty()) {
         detail::violation(Rule::IrpNeverCompleted, joined(irps));
     }
+    if (auto irps = detail::unfreedKernelIrpDescriptions(); !irps.empty()) {
+        detail::violation(Rule::ObjectReferenceLeak, joined(irps));
+    }
     if (auto timers = detail::queuedTimerDescriptions(); !timers.empty()) {
         detail::violation(Rule::TimerFreedWhileQueued, "at the end of the test: " + joined(timers));
     }
@@ -67,6 +70,7 @@ void resetIoState()
     }
     detail::resetPnp();
     detail::resetRegistry();
+    detail::resetKernelIrps();
     clearIoFaults();
 }
 
