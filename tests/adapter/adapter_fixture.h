@@ -12,6 +12,7 @@
 
 #include <hostkernel/executive.h>
 #include <hostkernel/io.h>
+#include <hostkernel/midiclient.h>
 #include <hostkernel/pnp.h>
 #include <hostkernel/registry.h>
 
@@ -20,6 +21,8 @@
 namespace adaptertest {
 
 namespace hk = hostkernel;
+namespace midi = hostkernel::midi;
+using Bytes = std::vector<std::uint8_t>;
 
 inline const std::u16string kService = u"ambrel";
 inline const std::u16string kControlLink = u"\\DosDevices\\Ambrel";
@@ -117,6 +120,46 @@ protected:
         return NT_SUCCESS(s) ? handle : 0;
     }
 
+    // A filter on the published port `name`, opened by `client` (null if
+    // the port is not found or refuses).
+    std::unique_ptr<midi::Filter> filterOf(hk::Process &client, std::u16string_view name)
+    {
+        std::unique_ptr<midi::Filter> filter;
+        auto port = midi::findPort(name);
+        EXPECT_TRUE(port.has_value()) << narrow(name);
+        if (port) {
+            EXPECT_EQ(midi::Filter::open(client, port->path, &filter), STATUS_SUCCESS);
+        }
+        return filter;
+    }
+
+    // A running MIDI pin of that id, or null with the creation's status.
+    std::unique_ptr<midi::Pin> runningPin(midi::Filter &filter, ULONG pinId, NTSTATUS *status = nullptr)
+    {
+        std::unique_ptr<midi::Pin> pin;
+        NTSTATUS s = midi::Pin::open(filter, pinId, KSDATAFORMAT_SUBTYPE_MIDI, &pin);
+        if (status != nullptr) {
+            *status = s;
+        }
+        if (NT_SUCCESS(s)) {
+            EXPECT_EQ(pin->setState(KSSTATE_RUN), STATUS_SUCCESS);
+        }
+        return pin;
+    }
+
+    // The same, found by direction.
+    std::unique_ptr<midi::Pin> runningPin(midi::Filter &filter, KSPIN_DATAFLOW flow, NTSTATUS *status = nullptr)
+    {
+        auto id = filter.findPin(flow, KSDATAFORMAT_SUBTYPE_MIDI);
+        if (!id) {
+            if (status != nullptr) {
+                *status = STATUS_NOT_FOUND;
+            }
+            return nullptr;
+        }
+        return runningPin(filter, *id, status);
+    }
+
     void shutdown()
     {
         processes_.clear(); // process exit closes whatever the test left open
@@ -142,6 +185,12 @@ protected:
     std::shared_ptr<hk::DeviceNode> node_;
     std::vector<std::shared_ptr<hk::DeviceNode>> extraNodes_;
     std::vector<std::unique_ptr<hk::Process>> processes_;
+};
+
+// The same, booted before each test.
+class BootedDriver : public DriverFixture {
+protected:
+    void SetUp() override { boot(); }
 };
 
 } // namespace adaptertest

@@ -161,9 +161,9 @@ TEST_F(DriverEntryTest, ServiceKeyEndingInBackslashGetsNoSecondOne)
 
 // ------------------------------------------------------------------ devices
 
-using AdapterDeviceTest = DriverFixture;
+using AdapterBoot = DriverFixture;
 
-TEST_F(AdapterDeviceTest, AddDeviceCreatesTheControlDeviceAndItsLink)
+TEST_F(AdapterBoot, AddDeviceCreatesTheControlDeviceAndItsLink)
 {
     hk::LogCapture log;
     boot();
@@ -181,7 +181,7 @@ TEST_F(AdapterDeviceTest, AddDeviceCreatesTheControlDeviceAndItsLink)
     EXPECT_NE(openPort(app, u"\\Piano"), 0u);
 }
 
-TEST_F(AdapterDeviceTest, StaleLinkIsDeletedAndMadeAgain)
+TEST_F(AdapterBoot, StaleLinkIsDeletedAndMadeAgain)
 {
     ASSERT_EQ(hk::createSymbolicLink(kControlLink, u"\\Device\\Gone"), STATUS_SUCCESS);
     hk::LogCapture log;
@@ -195,10 +195,10 @@ TEST_F(AdapterDeviceTest, StaleLinkIsDeletedAndMadeAgain)
     EXPECT_NE(openPort(app, u"\\Piano"), 0u);
 }
 
+using AdapterDeviceTest = BootedDriver;
+
 TEST_F(AdapterDeviceTest, SecondAdapterIsRefused)
 {
-    boot();
-    ASSERT_FALSE(HasFatalFailure());
     hk::LogCapture log;
     auto second = hk::addRootDevice(driver_, u"ROOT\\MEDIA\\0001");
     ASSERT_NE(second, nullptr);
@@ -208,8 +208,6 @@ TEST_F(AdapterDeviceTest, SecondAdapterIsRefused)
 
 TEST_F(AdapterDeviceTest, StopAndRestartKeepsServingPorts)
 {
-    boot();
-    ASSERT_FALSE(HasFatalFailure());
     ASSERT_EQ(node_->stop(), STATUS_SUCCESS);
     ASSERT_EQ(node_->start(), STATUS_SUCCESS);
     hk::Process &app = process(100);
@@ -220,8 +218,6 @@ TEST_F(AdapterDeviceTest, StopAndRestartKeepsServingPorts)
 
 TEST_F(AdapterDeviceTest, PnpMinorsAreNamedAndPassedOn)
 {
-    boot();
-    ASSERT_FALSE(HasFatalFailure());
     struct Case {
         UCHAR minor;
         const char *logged;
@@ -239,12 +235,10 @@ TEST_F(AdapterDeviceTest, PnpMinorsAreNamedAndPassedOn)
 
 // ------------------------------------------------------------------ removal
 
-using RemovalTest = DriverFixture;
+using RemovalTest = BootedDriver;
 
 TEST_F(RemovalTest, WithdrawsEveryPortFinishesParkedReadsAndRefusesStaleHandles)
 {
-    boot();
-    ASSERT_FALSE(HasFatalFailure());
     hk::Process &app = process(100);
     const char16_t *names[] = {u"\\One", u"\\Two", u"\\Three"};
     std::vector<hk::Handle> handles;
@@ -295,8 +289,6 @@ TEST_F(RemovalTest, WithdrawsEveryPortFinishesParkedReadsAndRefusesStaleHandles)
 
 TEST_F(RemovalTest, ANewAdapterInTheSameLoadServesPortsWhileOldHandlesStayRefused)
 {
-    boot();
-    ASSERT_FALSE(HasFatalFailure());
     hk::Process &app = process(100);
     hk::Handle old = openPort(app, u"\\Old");
     ASSERT_NE(old, 0u);

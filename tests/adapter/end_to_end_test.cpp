@@ -4,50 +4,15 @@
 // pins, and the write path under pool failure.
 #include "adapter_fixture.h"
 
-#include <hostkernel/midiclient.h>
-
 #include <algorithm>
 
 namespace adaptertest {
 namespace {
 
-namespace midi = hostkernel::midi;
-using Bytes = std::vector<std::uint8_t>;
 using namespace std::chrono_literals;
 
-const GUID kMidi = {0x1D262760, 0xE957, 0x11CF, {0xA5, 0xD6, 0x28, 0xDB, 0x04, 0xC1, 0x00, 0x00}};
-
-class EndToEnd : public DriverFixture {
+class EndToEnd : public BootedDriver {
 protected:
-    void SetUp() override { boot(); }
-
-    // A filter on the published port `name`, opened by `client`.
-    std::unique_ptr<midi::Filter> filterOf(hk::Process &client, std::u16string_view name)
-    {
-        std::unique_ptr<midi::Filter> filter;
-        auto port = midi::findPort(name);
-        EXPECT_TRUE(port.has_value()) << narrow(name);
-        if (port) {
-            EXPECT_EQ(midi::Filter::open(client, port->path, &filter), STATUS_SUCCESS);
-        }
-        return filter;
-    }
-
-    // A running pin of that direction, or null with the creation's status.
-    std::unique_ptr<midi::Pin> pin(midi::Filter &filter, KSPIN_DATAFLOW flow, NTSTATUS *status = nullptr)
-    {
-        std::unique_ptr<midi::Pin> p;
-        auto id = filter.findPin(flow, kMidi);
-        NTSTATUS s = id ? midi::Pin::open(filter, *id, kMidi, &p) : STATUS_NOT_FOUND;
-        if (status != nullptr) {
-            *status = s;
-        }
-        if (NT_SUCCESS(s)) {
-            EXPECT_EQ(p->setState(KSSTATE_RUN), STATUS_SUCCESS);
-        }
-        return p;
-    }
-
     // The owner's query; the ids the reply carries.
     hk::IoResult queryIds(hk::Process &owner, hk::Handle h, ULONG outputLength, std::vector<std::uint64_t> *ids)
     {
@@ -64,63 +29,44 @@ TEST_F(EndToEnd, ApplicationAndClientsMeetThroughThePort)
     hk::Handle h = openPort(app, u"\\Piano\\65536");
     ASSERT_NE(h, 0u);
 
-    // A client finds "Piano" among the MIDI devices and reads what it offers.
+    // A client finds "Piano" among the MIDI devices with both directions.
     auto port = midi::findPort(u"Piano");
     ASSERT_TRUE(port.has_value());
     EXPECT_TRUE(port->render && port->capture);
-    hk::Process &player = process(200);
-    hk::Process &recorder = process(300);
-    auto playerFilter = filterOf(player, u"Piano");
-    auto recorderFilter = filterOf(recorder, u"Piano");
+    auto playerFilter = filterOf(process(200), u"Piano");
+    auto recorderFilter = filterOf(process(300), u"Piano");
     ASSERT_TRUE(playerFilter && recorderFilter);
-    ULONG pins = 0;
-    ASSERT_EQ(playerFilter->pinCount(&pins), STATUS_SUCCESS);
-    ASSERT_GT(pins, 0u);
-    for (ULONG id = 0; id < pins; id++) {
-        std::u16string name;
-        EXPECT_EQ(playerFilter->pinName(id, &name), STATUS_SUCCESS);
-        EXPECT_EQ(narrow(name), "Piano") << id;
-    }
     SYNTHCAPS caps{};
-    ASSERT_EQ(playerFilter->synthCaps(1, &caps), STATUS_SUCCESS);
-    EXPECT_EQ(narrow(reinterpret_cast<const char16_t *>(caps.Description)), "Ambrel In: Piano");
-
-    // A read parked before the client plays completes with its note.
-    auto parked = app.readAsync(h, 16);
-    EXPECT_FALSE(parked->wait(20ms));
-    auto render = pin(*playerFilter, KSPIN_DATAFLOW_IN);
-    auto capture = pin(*recorderFilter, KSPIN_DATAFLOW_OUT);
+    ASSERT_EQ(playerFilter->synthCaps(0, &caps), STATUS_SUCCESS);
+    EXPECT_EQ(narrow(reinterpret_cast<const char16_t *>(caps.Description)), "Ambrel Out: Piano");
+    auto render = runningPin(*playerFilter, KSPIN_DATAFLOW_IN);
+    auto capture = runningPin(*recorderFilter, KSPIN_DATAFLOW_OUT);
     ASSERT_TRUE(render && capture);
-    ASSERT_EQ(render->send({0x90, 0x3C, 0x64}), STATUS_SUCCESS);
-    ASSERT_TRUE(parked->wait(10s));
-    EXPECT_EQ(parked->status(), STATUS_SUCCESS);
-    ASSERT_EQ(parked->information(), 3u);
-    EXPECT_EQ(Bytes(parked->output().begin(), parked->output().begin() + 3), (Bytes{0x90, 0x3C, 0x64}));
-    EXPECT_EQ(parked->result().priorityBoost, IO_SOUND_INCREMENT);
 
-    // The application's write reaches the recorder, time-stamped, in order.
-    const Bytes first = {0x90, 0x40, 0x50}, second = {0x80, 0x40, 0x00};
-    ASSERT_EQ(app.write(h, first.data(), 3).status, STATUS_SUCCESS);
-    ASSERT_EQ(app.write(h, second.data(), 3).status, STATUS_SUCCESS);
-    // Events may carry the bytes in pieces; the stream is what counts.
-    Bytes heard;
-    std::vector<LONGLONG> times;
-    while (heard.size() < 6) {
-        std::vector<midi::Message> batch;
-        ASSERT_EQ(capture->receive(&batch, 10s), STATUS_SUCCESS);
-        for (const midi::Message &m : batch) {
-            heard.insert(heard.end(), m.bytes.begin(), m.bytes.end());
-            times.push_back(m.time);
-        }
+    // Each application write reaches the recorder as one time-stamped
+    // message, in order.
+    LONGLONG lastTime = 0;
+    for (const Bytes &note : {Bytes{0x90, 0x40, 0x50}, Bytes{0x80, 0x40, 0x00}}) {
+        ASSERT_EQ(app.write(h, note.data(), 3).status, STATUS_SUCCESS);
+        std::vector<midi::Message> got;
+        ASSERT_EQ(capture->receive(&got, 10s), STATUS_SUCCESS);
+        ASSERT_EQ(got.size(), 1u);
+        EXPECT_EQ(got[0].bytes, note);
+        EXPECT_GT(got[0].time, 0);
+        EXPECT_GE(got[0].time, lastTime);
+        lastTime = got[0].time;
     }
-    EXPECT_EQ(heard, (Bytes{0x90, 0x40, 0x50, 0x80, 0x40, 0x00}));
-    EXPECT_GT(times.front(), 0);
-    EXPECT_TRUE(std::is_sorted(times.begin(), times.end()));
+
+    // What the player sends comes out of one read as whole messages.
+    ASSERT_EQ(render->send(std::vector<Bytes>{{0x80, 0x3C, 0x00}, {0xC0, 0x05}}), STATUS_SUCCESS);
+    std::uint8_t buffer[16] = {};
+    hk::IoResult read = app.read(h, buffer, sizeof(buffer));
+    ASSERT_EQ(read.status, STATUS_SUCCESS);
+    EXPECT_EQ(Bytes(buffer, buffer + read.information), (Bytes{0x80, 0x3C, 0x00, 0xC0, 0x05}));
 
     // The owner sees both clients' processes, in the order their pins came.
     std::vector<std::uint64_t> ids;
-    hk::IoResult q = queryIds(app, h, 128, &ids);
-    EXPECT_EQ(q.status, STATUS_SUCCESS);
+    EXPECT_EQ(queryIds(app, h, 128, &ids).status, STATUS_SUCCESS);
     EXPECT_EQ(ids, (std::vector<std::uint64_t>{200, 300}));
 
     // Closing the handle withdraws the port, though clients still hold it.
@@ -177,7 +123,7 @@ TEST_F(EndToEnd, ProcessIdQueryRows)
             }
             filters.push_back(filterOf(**owner, u"Piano"));
             ASSERT_TRUE(filters.back());
-            pins.push_back(pin(*filters.back(), p.flow));
+            pins.push_back(runningPin(*filters.back(), p.flow));
             ASSERT_TRUE(pins.back());
         }
         for (size_t i : c.closed) {
@@ -216,7 +162,7 @@ TEST_F(EndToEnd, RefusedPinsLeaveNoEntryAndFreedSlotsAreReused)
     std::vector<std::unique_ptr<midi::Pin>> pinsA;
     NTSTATUS status = STATUS_SUCCESS;
     while (NT_SUCCESS(status) && pinsA.size() < 32) {
-        auto p = pin(*filterA, KSPIN_DATAFLOW_OUT, &status);
+        auto p = runningPin(*filterA, KSPIN_DATAFLOW_OUT, &status);
         if (p) {
             pinsA.push_back(std::move(p));
         }
@@ -224,7 +170,7 @@ TEST_F(EndToEnd, RefusedPinsLeaveNoEntryAndFreedSlotsAreReused)
     ASSERT_FALSE(NT_SUCCESS(status));
     ASSERT_GT(pinsA.size(), 0u);
     hk::LogCapture log;
-    auto renderB = pin(*filterB, KSPIN_DATAFLOW_IN);
+    auto renderB = runningPin(*filterB, KSPIN_DATAFLOW_IN);
     ASSERT_TRUE(renderB);
     EXPECT_TRUE(log.contains("am_add_process_id (\\ambrel0) found empty slot: " + std::to_string(pinsA.size())));
 
@@ -239,7 +185,7 @@ TEST_F(EndToEnd, RefusedPinsLeaveNoEntryAndFreedSlotsAreReused)
     EXPECT_EQ(ids, (std::vector<std::uint64_t>{200}));
     ASSERT_EQ(pinsA[1]->close(), STATUS_SUCCESS);
     log.clear();
-    auto captureB = pin(*filterB, KSPIN_DATAFLOW_OUT);
+    auto captureB = runningPin(*filterB, KSPIN_DATAFLOW_OUT);
     ASSERT_TRUE(captureB);
     EXPECT_TRUE(log.contains("am_add_process_id (\\ambrel0) found empty slot: 1"));
     EXPECT_EQ(queryIds(app, h, 128, &ids).status, STATUS_SUCCESS);
@@ -255,8 +201,8 @@ TEST_F(EndToEnd, WriteFailsCleanlyAtEveryAllocation)
     auto filter = filterOf(client, u"Piano");
     ASSERT_TRUE(filter);
     // Two recording clients: each write is copied once per capture stream.
-    auto first = pin(*filter, KSPIN_DATAFLOW_OUT);
-    auto second = pin(*filter, KSPIN_DATAFLOW_OUT);
+    auto first = runningPin(*filter, KSPIN_DATAFLOW_OUT);
+    auto second = runningPin(*filter, KSPIN_DATAFLOW_OUT);
     ASSERT_TRUE(first && second);
     hk::drainIo();
     const size_t baseline = hk::poolLiveAllocations();

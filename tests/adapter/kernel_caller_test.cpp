@@ -5,17 +5,11 @@
 // request, and that the port, its FIFO and the pool are as they were.
 #include "adapter_fixture.h"
 
-#include <hostkernel/midiclient.h>
-
 #include <cstdio>
 
 namespace adaptertest {
 namespace {
 
-namespace midi = hostkernel::midi;
-using Bytes = std::vector<std::uint8_t>;
-
-const GUID kMidi = {0x1D262760, 0xE957, 0x11CF, {0xA5, 0xD6, 0x28, 0xDB, 0x04, 0xC1, 0x00, 0x00}};
 const Bytes kNote = {0x90, 0x3C, 0x64};
 
 std::string adapterLine(const char *format, ULONG value)
@@ -57,13 +51,10 @@ protected:
         handle_ = openPort(*owner_, u"\\Piano");
         ASSERT_NE(handle_, 0u);
         control_ = owner_->fileObject(handle_)->DeviceObject;
-        auto port = midi::findPort(u"Piano");
-        ASSERT_TRUE(port.has_value());
-        ASSERT_EQ(midi::Filter::open(process(200), port->path, &filter_), STATUS_SUCCESS);
-        auto id = filter_->findPin(KSPIN_DATAFLOW_IN, kMidi);
-        ASSERT_TRUE(id.has_value());
-        ASSERT_EQ(midi::Pin::open(*filter_, *id, kMidi, &render_), STATUS_SUCCESS);
-        ASSERT_EQ(render_->setState(KSSTATE_RUN), STATUS_SUCCESS);
+        filter_ = filterOf(process(200), u"Piano");
+        ASSERT_TRUE(filter_);
+        render_ = runningPin(*filter_, KSPIN_DATAFLOW_IN);
+        ASSERT_TRUE(render_);
     }
 
     void TearDown() override

@@ -3,48 +3,22 @@
 // through kernel streaming (filter, pins, properties, MIDI in and out).
 #include "tests/adapter/adapter_fixture.h"
 
-#include <hostkernel/midiclient.h>
-
 #include "miniport/amminiport.h"
 
 using namespace adaptertest;
-namespace midi = hostkernel::midi;
-using Bytes = std::vector<uint8_t>;
 using namespace std::chrono_literals;
 
 namespace {
 
-class ClientView : public DriverFixture {
+class ClientView : public BootedDriver {
 protected:
-    void SetUp() override { boot(); }
-
     // The application opens `suffix`; a client of another process opens the
     // port's filter.
     std::unique_ptr<midi::Filter> openPortAndFilter(std::u16string_view suffix, std::u16string_view name)
     {
         app_ = openPort(process(100), suffix);
         EXPECT_NE(app_, 0u);
-        std::unique_ptr<midi::Filter> filter;
-        auto port = midi::findPort(name);
-        EXPECT_TRUE(port.has_value());
-        if (port) {
-            EXPECT_EQ(midi::Filter::open(process(200), port->path, &filter), STATUS_SUCCESS);
-        }
-        return filter;
-    }
-
-    std::unique_ptr<midi::Pin> runningPin(midi::Filter &filter, ULONG pinId, const GUID &subFormat,
-                                          NTSTATUS *status = nullptr)
-    {
-        std::unique_ptr<midi::Pin> pin;
-        NTSTATUS s = midi::Pin::open(filter, pinId, subFormat, &pin);
-        if (status != nullptr) {
-            *status = s;
-        }
-        if (NT_SUCCESS(s)) {
-            EXPECT_EQ(pin->setState(KSSTATE_RUN), STATUS_SUCCESS);
-        }
-        return pin;
+        return filterOf(process(200), name);
     }
 
     hk::Process &app() { return *processes_.front(); }
@@ -60,8 +34,6 @@ protected:
     }
     hk::Handle app_ = 0;
 };
-
-const GUID kMidi = {0x1D262760, 0xE957, 0x11CF, {0xA5, 0xD6, 0x28, 0xDB, 0x04, 0xC1, 0x00, 0x00}};
 
 } // namespace
 
@@ -135,7 +107,7 @@ TEST_F(ClientView, ParkedReadTakesWhatFitsAndIsLeftToItsCanceller)
 {
     auto filter = openPortAndFilter(u"\\Piano", u"Piano");
     ASSERT_TRUE(filter);
-    auto pin = runningPin(*filter, 0, kMidi);
+    auto pin = runningPin(*filter, 0);
     ASSERT_TRUE(pin);
 
     // A 2-byte parked read gets the first two bytes; the third stays.
@@ -179,7 +151,7 @@ TEST_F(ClientView, ClientPlaysAndTheApplicationReads)
 {
     auto filter = openPortAndFilter(u"\\Piano", u"Piano");
     ASSERT_TRUE(filter);
-    auto pin = runningPin(*filter, 0, kMidi);
+    auto pin = runningPin(*filter, 0);
     ASSERT_TRUE(pin);
 
     // A read parked before the client plays gets the note at once.
@@ -207,8 +179,8 @@ TEST_F(ClientView, ApplicationWritesAndEveryRecordingClientReceives)
 {
     auto filter = openPortAndFilter(u"\\Piano", u"Piano");
     ASSERT_TRUE(filter);
-    auto first = runningPin(*filter, 4, kMidi);
-    auto second = runningPin(*filter, 4, kMidi);
+    auto first = runningPin(*filter, 4);
+    auto second = runningPin(*filter, 4);
     ASSERT_TRUE(first && second);
 
     Bytes note = {0x90, 0x3C, 0x40}, big(300, 0x11);
@@ -238,16 +210,16 @@ TEST_F(ClientView, PinInstanceLimits)
     ASSERT_TRUE(filter);
     std::vector<std::unique_ptr<midi::Pin>> capture, render;
     for (int i = 0; i < 8; i++) {
-        capture.push_back(runningPin(*filter, 4, kMidi));
+        capture.push_back(runningPin(*filter, 4));
         ASSERT_TRUE(capture.back()) << i;
     }
     NTSTATUS status = STATUS_SUCCESS;
-    EXPECT_FALSE(runningPin(*filter, 4, kMidi, &status));
+    EXPECT_FALSE(runningPin(*filter, 4, &status));
     EXPECT_FALSE(NT_SUCCESS(status));
 
     // A closed capture pin's place is free again, and still gets data.
     ASSERT_EQ(capture[3]->close(), STATUS_SUCCESS);
-    capture[3] = runningPin(*filter, 4, kMidi);
+    capture[3] = runningPin(*filter, 4);
     ASSERT_TRUE(capture[3]);
     Bytes note = {0x80, 0x3C, 0x00};
     ASSERT_EQ(app().write(app_, note.data(), 3).status, STATUS_SUCCESS);
@@ -257,8 +229,8 @@ TEST_F(ClientView, PinInstanceLimits)
     EXPECT_EQ(messages[0].bytes, note);
 
     for (int i = 0; i < 8; i++) {
-        render.push_back(runningPin(*filter, 0, kMidi));
+        render.push_back(runningPin(*filter, 0));
         ASSERT_TRUE(render.back()) << i;
     }
-    EXPECT_FALSE(runningPin(*filter, 0, kMidi, &status));
+    EXPECT_FALSE(runningPin(*filter, 0, &status));
 }
