@@ -1,20 +1,10 @@
 #include "mp_support.h"
 
-#include <chrono>
 #include <cstring>
-#include <thread>
 
 std::u16string toU16(const WCHAR *s)
 {
     return std::u16string(reinterpret_cast<const char16_t *>(s));
-}
-
-bool eventually(const std::function<bool()> &condition)
-{
-    for (int i = 0; i < 10000 && !condition(); i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return condition();
 }
 
 // ------------------------------------------------------------------ allocator

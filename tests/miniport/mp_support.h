@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -15,6 +14,8 @@
 #include <vector>
 
 #include <hostkernel/executive.h>
+
+#include "eventually.h"
 
 #include "miniport/amminiport.h"
 
@@ -190,7 +191,3 @@ public:
     PSERVICEGROUP group = nullptr;
     std::vector<PMXF> streams;
 };
-
-// Waits for a condition that the retry timer or another thread makes true;
-// only a hang fails it.
-bool eventually(const std::function<bool()> &condition);

@@ -1,9 +1,5 @@
 #include "pc_support.h"
 
-#include <chrono>
-#include <functional>
-#include <thread>
-
 namespace pctest {
 
 const GUID kTestSet = {0x5E1F00D1, 0x7A2B, 0x4C3D, {0x8E, 0x9F, 0x10, 0x21, 0x32, 0x43, 0x54, 0x65}};
@@ -459,18 +455,6 @@ std::unique_ptr<hk::midi::Pin> PortclsTest::openPin(hk::midi::Filter &f, ULONG p
     std::unique_ptr<hk::midi::Pin> pin;
     EXPECT_EQ(hk::midi::Pin::open(f, pinId, subFormat, &pin), expected) << "pin " << pinId;
     return pin;
-}
-
-bool eventually(const std::function<bool()> &condition)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
 }
 
 } // namespace pctest

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -19,6 +18,8 @@
 #include <hostkernel/pnp.h>
 #include <hostkernel/portcls.h>
 #include <hostkernel/registry.h>
+
+#include "eventually.h"
 
 namespace pctest {
 
@@ -147,8 +148,5 @@ protected:
     std::vector<Published> published_;
     std::vector<std::unique_ptr<hk::Process>> processes_;
 };
-
-// Waits for a condition another thread or a DPC makes true; only a hang fails it.
-bool eventually(const std::function<bool()> &condition);
 
 } // namespace pctest
