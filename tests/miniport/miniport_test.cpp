@@ -251,33 +251,45 @@ TEST(SynthProperties, RefusalsTouchNoValue)
 {
     PortHarness h;
     PMXF pin = h.newStream(DMUS_STREAM_MIDI_RENDER);
+    PMXF noClock = h.newStream(DMUS_STREAM_MIDI_RENDER, nullptr, true, false);
     const ULONG GET = KSPROPERTY_TYPE_GET, SET = KSPROPERTY_TYPE_SET, BASIC = KSPROPERTY_TYPE_BASICSUPPORT;
+    enum Target { Pin, NoClock, Filter };
+    Bytes shortInstance(27, 0x7F);
     struct Row {
         ULONG id, verb, size;
-        bool throughPin, nullValue;
+        Target target;
+        bool nullValue, shortInstance;
         NTSTATUS status;
         ULONG sizeAfter;
         const char *message;
     } rows[] = {
-        {2, GET, 0, true, false, STATUS_BUFFER_OVERFLOW, 296, "value size is zero"},
-        {3, GET, 0, true, false, STATUS_BUFFER_OVERFLOW, 28, "value size is zero"},
-        {4, GET, 0, true, false, STATUS_BUFFER_OVERFLOW, 4, "value size is zero"},
-        {6, GET, 0, true, false, STATUS_BUFFER_OVERFLOW, 8, "value size is zero"},
-        {2, GET, 295, true, false, STATUS_BUFFER_TOO_SMALL, 0, "value size too large"},
-        {6, GET, 7, true, false, STATUS_BUFFER_TOO_SMALL, 0, "value size too large"},
-        {4, GET, 4, true, true, STATUS_INVALID_PARAMETER, 0, "missing required param"},
-        {2, SET, 300, true, false, STATUS_INVALID_DEVICE_REQUEST, 300, "got KSPROPERTY_TYPE_SET"},
-        {6, SET, 300, true, false, STATUS_INVALID_DEVICE_REQUEST, 300, "got KSPROPERTY_SET"},
-        {3, SET, 300, true, false, STATUS_INVALID_DEVICE_REQUEST, 300, "HandlePortParams ----- KSPROPERTY_TYPE_SET - error"},
-        {3, GET, 300, false, false, STATUS_INVALID_DEVICE_REQUEST, 300, "PropertyHandler_Synth ----- got no stream"},
-        {6, GET, 300, false, false, STATUS_INVALID_DEVICE_REQUEST, 0, "PropertyHandler_Synth ----- got no stream"},
-        {3, BASIC, 300, false, false, STATUS_INVALID_DEVICE_REQUEST, 0, "got not minortarget"},
+        {2, GET, 0, Pin, false, false, STATUS_BUFFER_OVERFLOW, 296, "value size is zero"},
+        {3, GET, 0, Pin, false, false, STATUS_BUFFER_OVERFLOW, 28, "value size is zero"},
+        {4, GET, 0, Pin, false, false, STATUS_BUFFER_OVERFLOW, 4, "value size is zero"},
+        {6, GET, 0, Pin, false, false, STATUS_BUFFER_OVERFLOW, 8, "value size is zero"},
+        {2, GET, 295, Pin, false, false, STATUS_BUFFER_TOO_SMALL, 0, "value size too large"},
+        {6, GET, 7, Pin, false, false, STATUS_BUFFER_TOO_SMALL, 0, "value size too large"},
+        {4, GET, 4, Pin, true, false, STATUS_INVALID_PARAMETER, 0, "missing required param"},
+        {2, SET, 300, Pin, false, false, STATUS_INVALID_DEVICE_REQUEST, 300, "got KSPROPERTY_TYPE_SET"},
+        {6, SET, 300, Pin, false, false, STATUS_INVALID_DEVICE_REQUEST, 300, "got KSPROPERTY_SET"},
+        {3, SET, 300, Pin, false, false, STATUS_INVALID_DEVICE_REQUEST, 300,
+         "HandlePortParams ----- KSPROPERTY_TYPE_SET - error"},
+        {3, GET, 300, Filter, false, false, STATUS_INVALID_DEVICE_REQUEST, 300, "PropertyHandler_Synth ----- got no stream"},
+        {6, GET, 300, Filter, false, false, STATUS_INVALID_DEVICE_REQUEST, 0, "PropertyHandler_Synth ----- got no stream"},
+        {3, BASIC, 300, Filter, false, false, STATUS_INVALID_DEVICE_REQUEST, 0, "got not minortarget"},
+        {3, GET, 28, NoClock, false, true, STATUS_INVALID_PARAMETER, 0,
+         "CMiniportAmbrelStream::HandlePortParams ----- instance too small: 27"},
+        {6, GET, 8, NoClock, false, false, STATUS_DEVICE_NOT_READY, 0, "PropertyHandler_Synth ----- no master clock"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.message);
         LogCapture log;
-        Request q(h, row.id, row.verb, row.size, row.throughPin ? pin : nullptr);
+        Request q(h, row.id, row.verb, row.size, row.target == Pin ? pin : row.target == NoClock ? noClock : nullptr);
         q.r.Value = row.nullValue ? nullptr : q.r.Value;
+        if (row.shortInstance) {
+            q.r.Instance = shortInstance.data();
+            q.r.InstanceSize = (ULONG)shortInstance.size();
+        }
         EXPECT_EQ(q.synth(), row.status);
         EXPECT_EQ(q.r.ValueSize, row.sizeAfter);
         EXPECT_EQ(q.value[0], 0xCC);
@@ -316,26 +328,6 @@ TEST(SynthProperties, Answers)
                                       out.SampleRate, out.EffectsFlags, out.Share}),
                   std::vector<DWORD>({validOut, 32, 1, 2, 44100, 5, 1}));
     }
-}
-
-TEST(SynthProperties, ShortPortParametersAndMissingClockAreRefused)
-{
-    LogCapture log;
-    PortHarness h;
-    PMXF noClock = h.newStream(DMUS_STREAM_MIDI_RENDER, nullptr, true, false);
-    Bytes shortInstance(27, 0x7F);
-    Request params(h, KSPROPERTY_SYNTH_PORTPARAMETERS, KSPROPERTY_TYPE_GET, 28, noClock);
-    params.r.Instance = shortInstance.data();
-    params.r.InstanceSize = (ULONG)shortInstance.size();
-    EXPECT_EQ(params.synth(), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(params.r.ValueSize, 0u);
-    EXPECT_EQ(params.value[0], 0xCC);
-    EXPECT_TRUE(log.contains("CMiniportAmbrelStream::HandlePortParams ----- instance too small: 27"));
-
-    Request clock(h, KSPROPERTY_SYNTH_LATENCYCLOCK, KSPROPERTY_TYPE_GET, 8, noClock);
-    EXPECT_EQ(clock.synth(), STATUS_DEVICE_NOT_READY);
-    EXPECT_EQ(clock.r.ValueSize, 0u);
-    EXPECT_TRUE(log.contains("PropertyHandler_Synth ----- no master clock"));
 }
 
 TEST(SynthProperties, CapsDescribeTheSideAndThePortName)
