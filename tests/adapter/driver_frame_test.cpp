@@ -75,28 +75,19 @@ TEST_P(MaxPortsSetting, IsReadBoundedAndDefaultedByWindowsVersion)
 
 INSTANTIATE_TEST_SUITE_P(
     Registry, MaxPortsSetting,
-    ::testing::Values(MaxPortsCase{"missing on Vista", Stored::Missing, 0, 6, 0, 256, "Vista or higher -> 256 miniports"},
-                      MaxPortsCase{"missing on XP", Stored::Missing, 0, 1, 0x20, 32, "XP or higher -> 32 miniports"},
-                      MaxPortsCase{"missing before XP", Stored::Missing, 0, 1, 0x10, 10, "less than XP -> 10 miniports"},
-                      MaxPortsCase{"zero", Stored::Dword, 0, 6, 0, 1, "Registry-Override -> 1 miniports (0)"},
-                      MaxPortsCase{"three", Stored::Dword, 3, 6, 0, 3, "Registry-Override -> 3 miniports"},
-                      MaxPortsCase{"limit", Stored::Dword, 512, 6, 0, 512, "Registry-Override -> 512 miniports"},
-                      MaxPortsCase{"above limit", Stored::Dword, 513, 6, 0, 512,
+    ::testing::Values(MaxPortsCase{"MissingOnVista", Stored::Missing, 0, 6, 0, 256, "Vista or higher -> 256 miniports"},
+                      MaxPortsCase{"MissingOnXP", Stored::Missing, 0, 1, 0x20, 32, "XP or higher -> 32 miniports"},
+                      MaxPortsCase{"MissingBeforeXP", Stored::Missing, 0, 1, 0x10, 10, "less than XP -> 10 miniports"},
+                      MaxPortsCase{"Zero", Stored::Dword, 0, 6, 0, 1, "Registry-Override -> 1 miniports (0)"},
+                      MaxPortsCase{"Three", Stored::Dword, 3, 6, 0, 3, "Registry-Override -> 3 miniports"},
+                      MaxPortsCase{"Limit", Stored::Dword, 512, 6, 0, 512, "Registry-Override -> 512 miniports"},
+                      MaxPortsCase{"AboveLimit", Stored::Dword, 513, 6, 0, 512,
                                    "Registry-Override -> 512 miniports (513)"},
-                      MaxPortsCase{"huge", Stored::Dword, 0xFFFFFFFF, 6, 0, 512,
-                                   "Registry-Override -> 512 miniports (-1)"},
-                      MaxPortsCase{"REG_SZ", Stored::String, 0, 6, 0, 256, "Vista or higher -> 256 miniports"},
-                      MaxPortsCase{"two-byte dword", Stored::ShortBinaryDword, 0, 6, 0, 256,
+                      MaxPortsCase{"Huge", Stored::Dword, 0xFFFFFFFF, 6, 0, 512, "Registry-Override -> 512 miniports (-1)"},
+                      MaxPortsCase{"RegSz", Stored::String, 0, 6, 0, 256, "Vista or higher -> 256 miniports"},
+                      MaxPortsCase{"TwoByteDword", Stored::ShortBinaryDword, 0, 6, 0, 256,
                                    "Vista or higher -> 256 miniports"}),
-    [](const ::testing::TestParamInfo<MaxPortsCase> &info) {
-        std::string n = info.param.name;
-        for (char &ch : n) {
-            if (!isalnum((unsigned char)ch)) {
-                ch = '_';
-            }
-        }
-        return n;
-    });
+    [](const ::testing::TestParamInfo<MaxPortsCase> &info) { return std::string(info.param.name); });
 
 struct SysexCase {
     bool stored;
