@@ -24,12 +24,13 @@ if(AMBREL_SANITIZE)
     endif()
 endif()
 if(AMBREL_FUZZERS)
-    # Coverage for the code under test (fuzz/coverage.allow); the fuzzer
+    # Coverage for the code under test (fuzz/coverage.allow, .ignore); the fuzzer
     # main only in fuzz/. -O1 whatever the build type: unoptimised, the host
     # kernel's string and map code takes most of every input's time, and the
     # sanitizers lose nothing at -O1.
     add_compile_options(-O1 -fsanitize=fuzzer-no-link
-                        -fsanitize-coverage-allowlist=${CMAKE_SOURCE_DIR}/fuzz/coverage.allow)
+                        -fsanitize-coverage-allowlist=${CMAKE_SOURCE_DIR}/fuzz/coverage.allow
+                        -fsanitize-coverage-ignorelist=${CMAKE_SOURCE_DIR}/fuzz/coverage.ignore)
 endif()
 
 find_package(Threads REQUIRED)

@@ -3,8 +3,14 @@
 # each on a scratch copy of its checked-in corpus (fuzz/corpus/<name>/), and
 # fails on the first crash, leak or broken invariant.
 #
-#   bash scripts/fuzz.sh build/fuzz 20        # CI smoke run
-#   bash scripts/fuzz.sh build/fuzz 3600      # a longer hunt, one hour each
+#   bash scripts/fuzz.sh build/fuzz 20          # CI smoke run
+#   bash scripts/fuzz.sh build/fuzz 3600        # a longer hunt, one hour each
+#   bash scripts/fuzz.sh build/fuzz 900 merge   # grow the checked-in corpora
+#
+# With "merge", a passing run folds what it found back into fuzz/corpus/<name>/
+# through libFuzzer's -merge=1: the hand-written seeds (named files) stay, the
+# files named by their hash are replaced by the smallest set that keeps every
+# feature of seeds, old corpus and new finds together. Review and commit them.
 #
 # The build:
 #   CC=clang-14 CXX=clang++-14 cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug \
@@ -20,8 +26,20 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-builddir=${1:?usage: fuzz.sh <builddir> <seconds>}
-seconds=${2:?usage: fuzz.sh <builddir> <seconds>}
+usage="usage: fuzz.sh <builddir> <seconds> [merge]"
+builddir=${1:?$usage}
+seconds=${2:?$usage}
+merge=${3:-}
+if [ -n "$merge" ] && [ "$merge" != merge ]; then
+    echo "$usage" >&2
+    exit 2
+fi
+# A hang is a failure too: no input takes more than a fraction of a second,
+# so one still running after this long is stuck, not slow.
+options=(-max_len=1100 -timeout=30 -detect_leaks=0)
+sanitized() {
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 "$@"
+}
 
 mapfile -t fuzzers < <(find "$builddir" -maxdepth 3 -type f -name 'fuzz_*' -perm -u+x | sort)
 if [ ${#fuzzers[@]} -eq 0 ]; then
@@ -40,10 +58,27 @@ for bin in "${fuzzers[@]}"; do
         cp -r "fuzz/corpus/$name/." "$work/corpus/"
     fi
     echo "fuzz.sh: $name for ${seconds}s"
-    if ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-        "$bin" -max_total_time="$seconds" -max_len=1100 -print_final_stats=1 -detect_leaks=0 \
+    if sanitized "$bin" -max_total_time="$seconds" "${options[@]}" -print_final_stats=1 \
         -artifact_prefix="$work/artifacts/" "$work/corpus" >"$work/log" 2>&1; then
-        grep -E '^(stat::number_of_executed_units|Done )' "$work/log" || tail -n 2 "$work/log"
+        # The final line (edges, features, corpus, inputs per second) and the
+        # number of inputs run.
+        grep -E '^#[0-9]+[[:space:]]+DONE|^stat::(number_of_executed_units|average_exec_per_sec)' "$work/log" ||
+            tail -n 2 "$work/log"
+        if [ "$merge" = merge ]; then
+            merged="$work/merged"
+            mkdir -p "$merged" "fuzz/corpus/$name"
+            find "fuzz/corpus/$name" -maxdepth 1 -type f ! -regex '.*/[0-9a-f]\{40\}' -exec cp {} "$merged/" \;
+            if ! sanitized "$bin" -merge=1 "${options[@]}" "$merged" "fuzz/corpus/$name" "$work/corpus" \
+                >"$work/merge.log" 2>&1; then
+                echo "fuzz.sh: merging $name FAILED; log in $work/merge.log" >&2
+                failed=1
+                continue
+            fi
+            find "fuzz/corpus/$name" -maxdepth 1 -type f -regex '.*/[0-9a-f]\{40\}' -delete
+            find "$merged" -maxdepth 1 -type f -regex '.*/[0-9a-f]\{40\}' -exec cp {} "fuzz/corpus/$name/" \;
+            echo "fuzz.sh: fuzz/corpus/$name now $(find "fuzz/corpus/$name" -type f | wc -l) files," \
+                "$(du -sk "fuzz/corpus/$name" | cut -f1) KiB"
+        fi
     else
         echo "fuzz.sh: $name FAILED; log and crash input in $work" >&2
         tail -n 40 "$work/log" >&2
