@@ -67,17 +67,17 @@ for bin in "${fuzzers[@]}"; do
         if [ "$merge" = merge ]; then
             merged="$work/merged"
             mkdir -p "$merged" "fuzz/corpus/$name"
-            find "fuzz/corpus/$name" -maxdepth 1 -type f ! -regex '.*/[0-9a-f]\{40\}' -exec cp {} "$merged/" \;
+            find "fuzz/corpus/$name" -regextype posix-extended -maxdepth 1 -type f ! -regex '.*/[0-9a-f]{40}' -exec cp {} "$merged/" \;
             if ! sanitized "$bin" -merge=1 "${options[@]}" "$merged" "fuzz/corpus/$name" "$work/corpus" \
                 >"$work/merge.log" 2>&1; then
                 echo "fuzz.sh: merging $name FAILED; log in $work/merge.log" >&2
                 failed=1
                 continue
             fi
-            find "fuzz/corpus/$name" -maxdepth 1 -type f -regex '.*/[0-9a-f]\{40\}' -delete
-            find "$merged" -maxdepth 1 -type f -regex '.*/[0-9a-f]\{40\}' -exec cp {} "fuzz/corpus/$name/" \;
+            find "fuzz/corpus/$name" -regextype posix-extended -maxdepth 1 -type f -regex '.*/[0-9a-f]{40}' -delete
+            find "$merged" -regextype posix-extended -maxdepth 1 -type f -regex '.*/[0-9a-f]{40}' -exec cp {} "fuzz/corpus/$name/" \;
             echo "fuzz.sh: fuzz/corpus/$name now $(find "fuzz/corpus/$name" -type f | wc -l) files," \
-                "$(du -sk "fuzz/corpus/$name" | cut -f1) KiB"
+                "$(cat "fuzz/corpus/$name"/* | wc -c) bytes"
         fi
     else
         echo "fuzz.sh: $name FAILED; log and crash input in $work" >&2
