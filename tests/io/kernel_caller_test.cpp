@@ -237,6 +237,15 @@ TEST_F(KernelCallerTest, ACancelBeforeTheSendIsSeenByTheDriver)
     }
 }
 
+// A four-byte read or write for the test device, built as a kernel-mode
+// caller builds one; each death case runs in a process of its own, so one
+// buffer serves them all.
+PIRP smallRequest(UCHAR major)
+{
+    static UCHAR buffer[4];
+    return IoBuildAsynchronousFsdRequest(major, g.device, buffer, sizeof(buffer), nullptr, nullptr);
+}
+
 // A packet mishandled by its caller: each action breaks one rule.
 TEST_F(KernelCallerTest, MishandledPacketsAreReported)
 {
@@ -253,8 +262,7 @@ TEST_F(KernelCallerTest, MishandledPacketsAreReported)
          "ObjectReferenceLeak.*never sent.*never freed"},
         {"handed back by its completion routine and never freed",
          [] {
-             UCHAR buffer[4];
-             PIRP irp = IoBuildAsynchronousFsdRequest(IRP_MJ_WRITE, g.device, buffer, 4, nullptr, nullptr);
+             PIRP irp = smallRequest(IRP_MJ_WRITE);
              hk::sendKernelRequest(g.device, irp);
              hk::verifyIoQuiescent();
          },
@@ -268,24 +276,21 @@ TEST_F(KernelCallerTest, MishandledPacketsAreReported)
          "ObjectDoubleRelease.*already freed"},
         {"freed by the I/O manager, then by the caller",
          [] {
-             UCHAR buffer[4];
-             PIRP irp = IoBuildAsynchronousFsdRequest(IRP_MJ_WRITE, g.device, buffer, 4, nullptr, nullptr);
+             PIRP irp = smallRequest(IRP_MJ_WRITE);
              IoCallDriver(g.device, irp); // completion runs to the end
              IoFreeIrp(irp);
          },
          "ObjectDoubleRelease.*already freed"},
         {"freed while the driver holds it",
          [] {
-             UCHAR buffer[4];
-             PIRP irp = IoBuildAsynchronousFsdRequest(IRP_MJ_READ, g.device, buffer, 4, nullptr, nullptr);
+             PIRP irp = smallRequest(IRP_MJ_READ);
              hk::sendKernelRequest(g.device, irp, 10ms); // parked
              IoFreeIrp(irp);
          },
          "ObjectDoubleRelease.*while a driver still holds it"},
         {"sent and never completed",
          [] {
-             UCHAR buffer[4];
-             PIRP irp = IoBuildAsynchronousFsdRequest(IRP_MJ_READ, g.device, buffer, 4, nullptr, nullptr);
+             PIRP irp = smallRequest(IRP_MJ_READ);
              hk::sendKernelRequest(g.device, irp, 10ms);
              claimParked(); // taken by the driver and then forgotten
              hk::verifyIoQuiescent();
@@ -293,8 +298,7 @@ TEST_F(KernelCallerTest, MishandledPacketsAreReported)
          "IrpNeverCompleted.*IRP_MJ_READ"},
         {"MDL never freed",
          [] {
-             UCHAR buffer[4];
-             PIRP irp = IoBuildAsynchronousFsdRequest(IRP_MJ_WRITE, g.device, buffer, 4, nullptr, nullptr);
+             PIRP irp = smallRequest(IRP_MJ_WRITE);
              hk::sendKernelRequest(g.device, irp);
              IoFreeIrp(irp); // the MDL is the caller's to free too
              hk::verifyQuiescent();
