@@ -450,6 +450,23 @@ TEST_F(PortclsDeathTest, ReleasingAServiceGroupOnceTooOftenIsReported)
         "OBJECT_DOUBLE_RELEASE|ObjectDoubleRelease");
 }
 
+// The release that finds the count gone is rarely the faulty one; the port's
+// report shows the steps before it, with their threads and callers.
+TEST_F(PortclsDeathTest, APortReleasedOnceTooOftenShowsItsReferenceSteps)
+{
+    EXPECT_DEATH(
+        {
+            PPORT port = NULL;
+            PcNewPort(&port, CLSID_PortDMus);
+            port->AddRef();
+            port->Release();
+            port->Release();
+            port->Release();
+        },
+        "Release of a framework object whose last reference is gone \\(DMus port\\); its last reference steps, "
+        "oldest first:.*AddRef -> 1 on thread.*AddRef -> 2 on thread.*Release -> 1.*Release -> 0.*Release -> -1");
+}
+
 TEST_F(PortclsDeathTest, AFrameworkObjectNeverReleasedIsALeak)
 {
     EXPECT_DEATH(

@@ -25,9 +25,14 @@ namespace hostkernel::detail::pc {
 // (finalRelease) and is kept, dead, in a quarantine until the next reset, so
 // that one Release too many is reported as ObjectDoubleRelease instead of
 // touching freed memory. Objects alive at the end of a test are leaks.
+//
+// A traced object also keeps its last reference steps (which thread, from
+// where, the count after) and prints them with a count violation: the
+// report comes at the release that finds the count gone, but the fault is
+// the earlier step that dropped a reference its caller did not hold.
 class Object {
 public:
-    explicit Object(const char *kind);
+    explicit Object(const char *kind, bool traced = false);
     virtual ~Object();
     Object(const Object &) = delete;
     Object &operator=(const Object &) = delete;
@@ -42,9 +47,14 @@ protected:
     virtual void finalRelease() {}
 
 private:
+    struct Trace;
+    void record(char op, long count);
+    std::string history() const;
+
     const char *kind_;
     std::atomic<long> refs_{1};
     std::atomic<bool> dead_{false};
+    std::unique_ptr<Trace> trace_;
 };
 
 #define HK_PC_UNKNOWN()                                                              \

@@ -1,6 +1,12 @@
 // The framework's counted objects: their registry, the quarantine of released
 // ones, the settings tests may change, and the end-of-test check.
 #include <cstdio>
+#include <cstdlib>
+#include <iterator>
+
+#include <execinfo.h>
+#include <unistd.h>
+#include <sys/syscall.h>
 
 #include "internal.h"
 
@@ -26,8 +32,27 @@ std::atomic<long> gBuffers{0};
 
 } // namespace
 
-Object::Object(const char *kind) : kind_(kind)
+struct Object::Trace {
+    struct Step {
+        char op = 0; // '+' AddRef, '-' Release
+        long count = 0;
+        long thread = 0;
+        int depth = 0;
+        void *frames[10] = {};
+    };
+    static constexpr size_t kSteps = 48;
+
+    mutable std::mutex mutex;
+    Step steps[kSteps];
+    size_t next = 0; // steps ever recorded
+};
+
+Object::Object(const char *kind, bool traced) : kind_(kind)
 {
+    if (traced) {
+        trace_ = std::make_unique<Trace>();
+        record('+', 1);
+    }
     Registry &r = registry();
     std::lock_guard<std::mutex> lock(r.mutex);
     r.live.insert(this);
@@ -35,21 +60,60 @@ Object::Object(const char *kind) : kind_(kind)
 
 Object::~Object() = default;
 
+void Object::record(char op, long count)
+{
+    if (trace_ == nullptr) {
+        return;
+    }
+    Trace::Step step;
+    step.op = op;
+    step.count = count;
+    step.thread = long(syscall(SYS_gettid));
+    step.depth = backtrace(step.frames, int(std::size(step.frames)));
+    std::lock_guard<std::mutex> lock(trace_->mutex);
+    trace_->steps[trace_->next++ % Trace::kSteps] = step;
+}
+
+std::string Object::history() const
+{
+    if (trace_ == nullptr) {
+        return {};
+    }
+    std::lock_guard<std::mutex> lock(trace_->mutex);
+    std::string text = "; its last reference steps, oldest first:";
+    size_t first = trace_->next > Trace::kSteps ? trace_->next - Trace::kSteps : 0;
+    for (size_t i = first; i < trace_->next; i++) {
+        const Trace::Step &step = trace_->steps[i % Trace::kSteps];
+        text += std::string("\n  ") + (step.op == '+' ? "AddRef" : "Release") + " -> " + std::to_string(step.count) +
+                " on thread " + std::to_string(step.thread) + ":";
+        char **names = backtrace_symbols(step.frames, step.depth);
+        // The first frame is record() itself, the second addRef/release.
+        for (int f = 2; names != nullptr && f < step.depth; f++) {
+            text += std::string("\n      ") + names[f];
+        }
+        free(names);
+    }
+    return text;
+}
+
 ULONG Object::addRef()
 {
+    long count = ++refs_;
+    record('+', count);
     if (dead_.load()) {
         reportViolation(Rule::ObjectDoubleRelease,
-                        std::string("AddRef on a released framework object (") + kind_ + ")");
+                        std::string("AddRef on a released framework object (") + kind_ + ")" + history());
     }
-    return ULONG(++refs_);
+    return ULONG(count);
 }
 
 ULONG Object::release()
 {
     long count = --refs_;
+    record('-', count);
     if (count < 0 || dead_.load()) {
-        reportViolation(Rule::ObjectDoubleRelease,
-                        std::string("Release of a framework object whose last reference is gone (") + kind_ + ")");
+        reportViolation(Rule::ObjectDoubleRelease, std::string("Release of a framework object whose last reference is gone (") +
+                                                       kind_ + ")" + history());
     }
     if (count > 0) {
         return ULONG(count);

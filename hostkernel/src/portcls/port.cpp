@@ -46,7 +46,7 @@ void PortSink::detach()
 }
 
 // ------------------------------------------------------------------ port
-Port::Port() : Object("DMus port")
+Port::Port() : Object("DMus port", true)
 {
     sink_ = new PortSink(this);
     allocator_ = newAllocator(settings().largeBufferSize);
