@@ -77,4 +77,33 @@ TEST_F(PortclsTest, ConcurrentClientsOnOneFilter)
     EXPECT_EQ(miniport->rendered.size(), size_t(played.load()) * 3);
 }
 
+// Holders letting go at once: a holder whose release leaves others holding
+// is no double release, even when the others finish the port before that
+// holder's release has returned.
+TEST_F(PortclsTest, HoldersReleasingAtOnceAreNoDoubleRelease)
+{
+    constexpr int kHolders = 4;
+    for (int trial = 0; trial < 3000; trial++) {
+        PPORT port = NULL;
+        ASSERT_EQ(PcNewPort(&port, CLSID_PortDMus), STATUS_SUCCESS);
+        for (int h = 1; h < kHolders; h++) {
+            port->AddRef();
+        }
+        std::atomic<int> ready{0};
+        std::vector<std::thread> holders;
+        for (int h = 0; h < kHolders; h++) {
+            holders.emplace_back([&] {
+                ready++;
+                while (ready.load() < kHolders) {
+                }
+                port->Release();
+            });
+        }
+        for (auto &t : holders) {
+            t.join();
+        }
+    }
+    EXPECT_EQ(hk::portclsStats().liveObjects, 0u);
+}
+
 } // namespace pctest

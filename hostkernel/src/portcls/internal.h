@@ -53,7 +53,6 @@ private:
 
     const char *kind_;
     std::atomic<long> refs_{1};
-    std::atomic<bool> dead_{false};
     std::unique_ptr<Trace> trace_;
 };
 

@@ -80,6 +80,8 @@ std::string Object::history() const
         return {};
     }
     std::lock_guard<std::mutex> lock(trace_->mutex);
+    // Each step's count is exact; steps of different threads may be listed
+    // a little out of order (a thread records after its count changed).
     std::string text = "; its last reference steps, oldest first:";
     size_t first = trace_->next > Trace::kSteps ? trace_->next - Trace::kSteps : 0;
     for (size_t i = first; i < trace_->next; i++) {
@@ -100,7 +102,9 @@ ULONG Object::addRef()
 {
     long count = ++refs_;
     record('+', count);
-    if (dead_.load()) {
+    // Nobody may take a reference on an object whose count was zero: it is
+    // dead, or its last holder is finishing it.
+    if (count <= 1) {
         reportViolation(Rule::ObjectDoubleRelease,
                         std::string("AddRef on a released framework object (") + kind_ + ")" + history());
     }
@@ -111,7 +115,10 @@ ULONG Object::release()
 {
     long count = --refs_;
     record('-', count);
-    if (count < 0 || dead_.load()) {
+    // Only the count tells: other holders may finish the object between this
+    // decrement and any later look at it, and the quarantine keeps a dead
+    // object's count, so a release too many always goes below zero.
+    if (count < 0) {
         reportViolation(Rule::ObjectDoubleRelease, std::string("Release of a framework object whose last reference is gone (") +
                                                        kind_ + ")" + history());
     }
@@ -119,7 +126,6 @@ ULONG Object::release()
         return ULONG(count);
     }
     finalRelease();
-    dead_ = true;
     Registry &r = registry();
     std::lock_guard<std::mutex> lock(r.mutex);
     r.live.erase(this);
