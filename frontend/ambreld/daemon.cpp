@@ -1014,11 +1014,12 @@ struct HostSystem {
 
     // Removal withdraws every port (parked reads end with ENODEV); what the
     // daemon still holds is closed before the driver is unloaded.
-    void removeAdapter()
+    NTSTATUS removeAdapter()
     {
         if (node && !node->removed()) {
-            node->remove();
+            return node->remove();
         }
+        return STATUS_SUCCESS;
     }
 
     NTSTATUS unload()
@@ -1216,7 +1217,12 @@ int run(const Config &config)
                     f->close();
                 }
                 left.clear();
-                system.removeAdapter();
+                // Nothing of ours is open any more, so a veto means a handle
+                // the daemon lost track of: said, and the exit code shows it.
+                if (NTSTATUS removal = system.removeAdapter(); !NT_SUCCESS(removal)) {
+                    std::fprintf(stderr, "ambreld: the adapter was not removed (status 0x%08X)\n", unsigned(removal));
+                    rc = 1;
+                }
                 fuse_session_unmount(se);
                 std::fprintf(stderr, "ambreld: unmounted %s\n", config.mount.c_str());
             } else {
