@@ -146,7 +146,6 @@ TEST(TimerRaceTest, NoDpcRunsAfterCancelAndFlush)
     KeFlushQueuedDpcs();
     EXPECT_EQ(lateRuns, 0);
     EXPECT_EQ(runs + cancelledInTime, 2000) << "every round either fired once or was cancelled";
-    hk::verifyIoQuiescent();
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "iotest.h"
 
+#include <algorithm>
+
 namespace iotest {
 
 DriverState g;
@@ -16,12 +18,26 @@ std::vector<UCHAR> DriverState::majors()
 
 size_t DriverState::count(UCHAR major)
 {
+    std::vector<UCHAR> all = majors();
+    return size_t(std::count(all.begin(), all.end(), major));
+}
+
+Seen DriverState::last()
+{
     std::lock_guard<std::mutex> lock(mutex);
-    size_t n = 0;
+    return seen.back();
+}
+
+std::vector<PFILE_OBJECT> DriverState::files(UCHAR major)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    std::vector<PFILE_OBJECT> out;
     for (auto &s : seen) {
-        n += s.major == major;
+        if (s.major == major) {
+            out.push_back(s.file);
+        }
     }
-    return n;
+    return out;
 }
 
 std::string narrow(std::u16string_view s)
@@ -33,15 +49,30 @@ std::string narrow(std::u16string_view s)
     return out;
 }
 
-namespace {
+hk::Handle openOk(hk::Process &app, std::u16string_view path, ACCESS_MASK access)
+{
+    hk::Handle h = 0;
+    EXPECT_EQ(app.open(path, access, &h), STATUS_SUCCESS) << narrow(path);
+    return h;
+}
 
-NTSTATUS complete(PIRP irp, NTSTATUS status, ULONG_PTR information, CCHAR boost = IO_NO_INCREMENT)
+NTSTATUS openKey(const std::u16string &path, ACCESS_MASK access, HANDLE *key, HANDLE root)
+{
+    Unicode name(path);
+    OBJECT_ATTRIBUTES oa;
+    InitializeObjectAttributes(&oa, &name.string, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, root, nullptr);
+    return ZwOpenKey(key, access, &oa);
+}
+
+NTSTATUS complete(PIRP irp, NTSTATUS status, ULONG_PTR information, CCHAR boost)
 {
     irp->IoStatus.Status = status;
     irp->IoStatus.Information = information;
     IoCompleteRequest(irp, boost);
     return status;
 }
+
+namespace {
 
 void record(PIRP irp)
 {
@@ -78,14 +109,9 @@ void cancelParked(PDEVICE_OBJECT, PIRP irp)
     IoReleaseCancelSpinLock(irp->CancelIrql);
     KIRQL irql;
     KeAcquireSpinLock(&g.lock, &irql);
-    for (auto it = g.parked.begin(); it != g.parked.end(); ++it) {
-        if (*it == irp) {
-            g.parked.erase(it);
-            break;
-        }
-    }
+    g.parked.erase(std::remove(g.parked.begin(), g.parked.end(), irp), g.parked.end());
     KeReleaseSpinLock(&g.lock, irql);
-    complete(irp, STATUS_CANCELLED, 0);
+    complete(irp, STATUS_CANCELLED);
 }
 
 NTSTATUS park(PIRP irp)
@@ -98,7 +124,7 @@ NTSTATUS park(PIRP irp)
     IoSetCancelRoutine(irp, cancelParked);
     if (irp->Cancel && IoSetCancelRoutine(irp, nullptr) != nullptr) {
         KeReleaseSpinLock(&g.lock, irql);
-        return complete(irp, STATUS_CANCELLED, 0);
+        return complete(irp, STATUS_CANCELLED);
     }
     IoMarkIrpPending(irp);
     g.parked.push_back(irp);
@@ -126,10 +152,10 @@ NTSTATUS dispatch(PDEVICE_OBJECT, PIRP irp)
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     switch (stack->MajorFunction) {
     case IRP_MJ_CREATE:
-        return complete(irp, g.createStatus, 0);
+        return complete(irp, g.createStatus);
     case IRP_MJ_CLEANUP:
     case IRP_MJ_CLOSE:
-        return complete(irp, STATUS_SUCCESS, 0);
+        return complete(irp, STATUS_SUCCESS);
     case IRP_MJ_READ: {
         std::vector<UCHAR> data;
         {
@@ -139,12 +165,11 @@ NTSTATUS dispatch(PDEVICE_OBJECT, PIRP irp)
         if (data.empty()) {
             return park(irp);
         }
-        ULONG length = stack->Parameters.Read.Length;
         PUCHAR buffer = transferBuffer(irp);
         if (buffer == nullptr) {
-            return complete(irp, STATUS_INSUFFICIENT_RESOURCES, 0);
+            return complete(irp, STATUS_INSUFFICIENT_RESOURCES);
         }
-        ULONG n = ULONG(std::min<size_t>(length, data.size()));
+        ULONG n = ULONG(std::min<size_t>(stack->Parameters.Read.Length, data.size()));
         memcpy(buffer, data.data(), n);
         return complete(irp, STATUS_SUCCESS, n, IO_SOUND_INCREMENT);
     }
@@ -155,14 +180,9 @@ NTSTATUS dispatch(PDEVICE_OBJECT, PIRP irp)
         ULONG in = stack->Parameters.DeviceIoControl.InputBufferLength;
         ULONG out = stack->Parameters.DeviceIoControl.OutputBufferLength;
         ULONG method = METHOD_FROM_CTL_CODE(stack->Parameters.DeviceIoControl.IoControlCode);
-        std::vector<UCHAR> input;
-        if (method == METHOD_NEITHER) {
-            auto *p = static_cast<PUCHAR>(stack->Parameters.DeviceIoControl.Type3InputBuffer);
-            input.assign(p, p + in);
-        } else {
-            auto *p = static_cast<PUCHAR>(irp->AssociatedIrp.SystemBuffer);
-            input.assign(p, p + in);
-        }
+        auto *p = static_cast<PUCHAR>(method == METHOD_NEITHER ? stack->Parameters.DeviceIoControl.Type3InputBuffer
+                                                                 : irp->AssociatedIrp.SystemBuffer);
+        const std::vector<UCHAR> input(p, p + in); // a copy: buffered output overwrites it
         PUCHAR output = method == METHOD_NEITHER    ? static_cast<PUCHAR>(irp->UserBuffer)
                         : method == METHOD_BUFFERED ? static_cast<PUCHAR>(irp->AssociatedIrp.SystemBuffer)
                                                     : static_cast<PUCHAR>(MmGetSystemAddressForMdlSafe(
@@ -173,15 +193,14 @@ NTSTATUS dispatch(PDEVICE_OBJECT, PIRP irp)
         return complete(irp, STATUS_SUCCESS, out);
     }
     default:
-        return complete(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
+        return complete(irp, STATUS_INVALID_DEVICE_REQUEST);
     }
 }
 
 void unloadTestDriver(PDRIVER_OBJECT driver)
 {
-    UNICODE_STRING link;
-    RtlInitUnicodeString(&link, L"\\DosDevices\\HkTest");
-    IoDeleteSymbolicLink(&link);
+    Unicode link(kLink);
+    IoDeleteSymbolicLink(&link.string);
     while (driver->DeviceObject != nullptr) {
         IoDeleteDevice(driver->DeviceObject);
     }
@@ -191,16 +210,13 @@ void unloadTestDriver(PDRIVER_OBJECT driver)
 
 NTSTATUS testDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
 {
-    UNICODE_STRING name;
-    RtlInitUnicodeString(&name, L"\\Device\\HkTest");
-    NTSTATUS status = IoCreateDevice(driver, 64, &name, FILE_DEVICE_UNKNOWN, 0, FALSE, &g.device);
+    Unicode name(kDevice), link(kLink);
+    NTSTATUS status = IoCreateDevice(driver, 64, &name.string, FILE_DEVICE_UNKNOWN, 0, FALSE, &g.device);
     if (!NT_SUCCESS(status)) {
         return status;
     }
     g.device->Flags |= g.deviceFlags;
-    UNICODE_STRING link;
-    RtlInitUnicodeString(&link, L"\\DosDevices\\HkTest");
-    IoCreateSymbolicLink(&link, &name);
+    IoCreateSymbolicLink(&link.string, &name.string);
     for (UCHAR major = 0; major <= IRP_MJ_MAXIMUM_FUNCTION; major++) {
         driver->MajorFunction[major] = dispatch;
     }
@@ -262,20 +278,18 @@ void IoTest::SetUp()
     ASSERT_NE(driver_, nullptr);
 }
 
-void IoTest::unload()
+void IoTest::setBuffering(ULONG flags)
 {
-    if (driver_ != nullptr) {
-        EXPECT_EQ(hk::unloadDriver(driver_), STATUS_SUCCESS);
-        driver_ = nullptr;
-    }
+    g.device->Flags = (g.device->Flags & ~ULONG(DO_DIRECT_IO | DO_BUFFERED_IO)) | flags;
+    g.deviceFlags = flags;
 }
 
 void IoTest::TearDown()
 {
-    unload();
+    if (driver_ != nullptr) {
+        EXPECT_EQ(hk::unloadDriver(driver_), STATUS_SUCCESS);
+    }
     g.deviceFlags = DO_DIRECT_IO;
-    hk::verifyIoQuiescent();
-    hk::resetIoState();
 }
 
 } // namespace iotest

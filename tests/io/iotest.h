@@ -54,8 +54,15 @@ struct DriverState {
 
     std::vector<UCHAR> majors();
     size_t count(UCHAR major);
+    Seen last();
+    // The file objects of the requests of one major function, in arrival order.
+    std::vector<PFILE_OBJECT> files(UCHAR major);
 };
 extern DriverState g;
+
+// Completes `irp` with `status` and `information` and hands `status` back,
+// as a dispatch routine's last statement does.
+NTSTATUS complete(PIRP irp, NTSTATUS status, ULONG_PTR information = 0, CCHAR boost = IO_NO_INCREMENT);
 
 NTSTATUS testDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
 // Takes one parked read, as a completer does: the first whose cancel
@@ -65,17 +72,44 @@ PIRP claimParked();
 void completeRead(PIRP irp, const std::vector<UCHAR> &bytes, NTSTATUS status = STATUS_SUCCESS);
 size_t parkedCount();
 
-// Loads the test driver for each test and checks the I/O manager is quiet
-// afterwards.
+// Loads the test driver for each test and unloads it after; the test main
+// then checks the I/O manager is quiet.
 class IoTest : public ::testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
-    void unload();
+    // Switches the device between direct, buffered and neither I/O for the
+    // requests that follow.
+    void setBuffering(ULONG flags);
 
     PDRIVER_OBJECT driver_ = nullptr;
 };
 
 std::string narrow(std::u16string_view s);
+
+// Opens `path` in `app`; a refused open fails the test and gives handle 0.
+hk::Handle openOk(hk::Process &app, std::u16string_view path = kDevice, ACCESS_MASK access = GENERIC_READ);
+
+// A counted string the kernel routines can take, over its own copy of the text.
+struct Unicode {
+    explicit Unicode(std::u16string text) : storage(std::move(text))
+    {
+        string.Buffer = reinterpret_cast<PWSTR>(storage.data());
+        string.Length = string.MaximumLength = USHORT(storage.size() * 2);
+    }
+    std::u16string storage;
+    UNICODE_STRING string{};
+};
+
+// ZwOpenKey of `path` (relative to `root` when given), from a driver's thread.
+NTSTATUS openKey(const std::u16string &path, ACCESS_MASK access, HANDLE *key, HANDLE root = nullptr);
+
+// A relative due time for KeSetTimer, in milliseconds.
+inline LARGE_INTEGER relativeMs(LONGLONG milliseconds)
+{
+    LARGE_INTEGER due;
+    due.QuadPart = -milliseconds * 10000;
+    return due;
+}
 
 } // namespace iotest

@@ -13,8 +13,8 @@ const GUID kAudio = {0x6994AD04, 0x93EF, 0x11D0, {0xA3, 0xCC, 0x00, 0xA0, 0xC9, 
 const GUID kRender = {0x65E8773E, 0x8F56, 0x11D0, {0xA3, 0xB9, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
 const std::u16string kAudioLink = u"\\??\\ROOT#MEDIA#0000#{6994ad04-93ef-11d0-a3cc-00a0c9223196}";
 
+std::mutex fMutex; // guards what f records
 struct Function {
-    std::mutex mutex;
     std::vector<UCHAR> minors;
     PDEVICE_OBJECT fdo = nullptr;
     PDEVICE_OBJECT lower = nullptr;
@@ -29,13 +29,6 @@ struct Function {
     std::vector<UCHAR> fileMajors; // cleanup and close, in arrival order
 } f;
 
-NTSTATUS complete(PIRP irp, NTSTATUS status)
-{
-    irp->IoStatus.Status = status;
-    IoCompleteRequest(irp, IO_NO_INCREMENT);
-    return status;
-}
-
 NTSTATUS onStartCompleted(PDEVICE_OBJECT, PIRP, PVOID context)
 {
     KeSetEvent(static_cast<PKEVENT>(context), IO_NO_INCREMENT, FALSE);
@@ -46,7 +39,7 @@ NTSTATUS functionPnp(PDEVICE_OBJECT fdo, PIRP irp)
 {
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     {
-        std::lock_guard<std::mutex> lock(f.mutex);
+        std::lock_guard<std::mutex> lock(fMutex);
         f.minors.push_back(stack->MinorFunction);
     }
     switch (stack->MinorFunction) {
@@ -89,7 +82,7 @@ NTSTATUS functionPnp(PDEVICE_OBJECT fdo, PIRP irp)
 NTSTATUS functionCreateClose(PDEVICE_OBJECT, PIRP irp)
 {
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
-    std::lock_guard<std::mutex> lock(f.mutex);
+    std::lock_guard<std::mutex> lock(fMutex);
     if (stack->MajorFunction == IRP_MJ_CREATE) {
         f.createNames.emplace_back(reinterpret_cast<const char16_t *>(stack->FileObject->FileName.Buffer),
                                    stack->FileObject->FileName.Length / 2);
@@ -127,14 +120,7 @@ class PnpTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        f.minors.clear();
-        f.createNames.clear();
-        f.fileMajors.clear();
-        f.addStatus = STATUS_SUCCESS;
-        f.failAfterAttach = false;
-        f.refuseQueryRemove = false;
-        f.detachOnRemove = true;
-        f.fdo = f.lower = nullptr;
+        f = Function{};
         NTSTATUS status;
         driver_ = hk::loadDriver(u"HkFunction", functionEntry, &status);
         ASSERT_NE(driver_, nullptr);
@@ -145,17 +131,15 @@ protected:
             EXPECT_EQ(node_->remove(), STATUS_SUCCESS);
         }
         EXPECT_EQ(hk::unloadDriver(driver_), STATUS_SUCCESS);
-        hk::verifyIoQuiescent();
-        hk::resetIoState();
     }
     std::vector<UCHAR> minors()
     {
-        std::lock_guard<std::mutex> lock(f.mutex);
+        std::lock_guard<std::mutex> lock(fMutex);
         return f.minors;
     }
     std::vector<UCHAR> fileMajors()
     {
-        std::lock_guard<std::mutex> lock(f.mutex);
+        std::lock_guard<std::mutex> lock(fMutex);
         return f.fileMajors;
     }
     // A node with one enabled interface, for opening its stack.
@@ -167,25 +151,19 @@ protected:
         return link;
     }
     // Interface calls from a PASSIVE_LEVEL thread, as a driver makes them.
-    std::u16string registerInterface(const GUID &guid, const wchar_t *reference, NTSTATUS *status = nullptr)
+    std::u16string registerInterface(const GUID &guid, const wchar_t *reference)
     {
         UNICODE_STRING ref, link{};
         RtlInitUnicodeString(&ref, reference);
-        NTSTATUS s = IoRegisterDeviceInterface(node_->pdo(), &guid, &ref, &link);
-        if (status != nullptr) {
-            *status = s;
-        }
+        EXPECT_EQ(IoRegisterDeviceInterface(node_->pdo(), &guid, &ref, &link), STATUS_SUCCESS);
         std::u16string out(reinterpret_cast<const char16_t *>(link.Buffer), link.Length / 2);
-        if (NT_SUCCESS(s)) {
-            RtlFreeUnicodeString(&link);
-        }
+        RtlFreeUnicodeString(&link);
         return out;
     }
     NTSTATUS setState(const std::u16string &link, BOOLEAN enable)
     {
-        std::u16string copy = link;
-        UNICODE_STRING name{USHORT(copy.size() * 2), USHORT(copy.size() * 2), reinterpret_cast<PWSTR>(copy.data())};
-        return IoSetDeviceInterfaceState(&name, enable);
+        Unicode name(link);
+        return IoSetDeviceInterfaceState(&name.string, enable);
     }
 
     PDRIVER_OBJECT driver_ = nullptr;
@@ -268,8 +246,7 @@ TEST_F(PnpTest, OrderlyRemovalIsVetoedWhileAHandleIsOpen)
 {
     std::u16string link = addWithInterface();
     hk::Process client(300);
-    hk::Handle filter = 0, child = 0;
-    ASSERT_EQ(client.open(link, GENERIC_READ, &filter), STATUS_SUCCESS);
+    hk::Handle filter = openOk(client, link), child = 0;
     ASSERT_EQ(client.openRelative(filter, u"child", GENERIC_READ, &child), STATUS_SUCCESS);
 
     // Each handle alone holds the stack; the child also keeps its parent's
@@ -295,8 +272,7 @@ TEST_F(PnpTest, SurpriseRemovalDefersTheRemovalToTheLastClose)
 {
     std::u16string link = addWithInterface();
     hk::Process client(300);
-    hk::Handle filter = 0, child = 0, other = 0;
-    ASSERT_EQ(client.open(link, GENERIC_READ, &filter), STATUS_SUCCESS);
+    hk::Handle filter = openOk(client, link), child = 0, other = 0;
     ASSERT_EQ(client.openRelative(filter, u"child", GENERIC_READ, &child), STATUS_SUCCESS);
 
     EXPECT_EQ(node_->surpriseRemove(), STATUS_PENDING);
@@ -342,8 +318,7 @@ TEST_F(PnpTest, HandlesOutsideTheStackDoNotHoldItsRemoval)
     ASSERT_EQ(IoCreateDevice(driver_, 0, &name, FILE_DEVICE_UNKNOWN, 0, FALSE, &control), STATUS_SUCCESS);
     control->Flags &= ~DO_DEVICE_INITIALIZING;
     hk::Process app(100);
-    hk::Handle h = 0;
-    ASSERT_EQ(app.open(u"\\Device\\HkControl", GENERIC_READ, &h), STATUS_SUCCESS);
+    hk::Handle h = openOk(app, u"\\Device\\HkControl");
     for (const Case &c : cases) {
         SCOPED_TRACE(c.surprise ? "surprise removal" : "orderly removal");
         f.minors.clear();
@@ -361,7 +336,6 @@ TEST_F(PnpTest, FunctionDeviceLeftAttachedAfterRemovalIsALeak)
 {
     node_ = hk::addRootDevice(driver_);
     f.detachOnRemove = false;
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(node_->remove(), "ObjectReferenceLeak");
     f.detachOnRemove = true; // the death happened in a child; this process still removes cleanly
 }
@@ -386,24 +360,19 @@ TEST_F(PnpTest, InterfacesRegisterEnumerateAndOpenThroughTheirLinks)
     EXPECT_TRUE(hk::deviceInterfaces(kRender).empty());
 
     // The link plus the reference string reaches the top of the PDO's stack.
-    ASSERT_EQ(client.open(link, GENERIC_READ, &h), STATUS_SUCCESS);
-    hk::Handle user = 0;
-    ASSERT_EQ(client.open(u"\\\\?\\ROOT#MEDIA#0000#{6994AD04-93EF-11D0-A3CC-00A0C9223196}\\ambrel0", GENERIC_READ, &user),
-              STATUS_SUCCESS);
+    h = openOk(client, link);
+    hk::Handle user = openOk(client, u"\\\\?\\ROOT#MEDIA#0000#{6994AD04-93EF-11D0-A3CC-00A0C9223196}\\ambrel0");
     EXPECT_EQ(client.fileObject(h)->DeviceObject, node_->pdo());
     EXPECT_EQ(f.createNames, (std::vector<std::u16string>{u"\\ambrel0", u"\\ambrel0"}));
     client.close(h);
     client.close(user);
 
     // Its registry key, as the driver writes it and a client reads it.
-    std::u16string copy = link;
-    UNICODE_STRING name{USHORT(copy.size() * 2), USHORT(copy.size() * 2), reinterpret_cast<PWSTR>(copy.data())};
+    Unicode name(link), valueName(u"FriendlyName");
     HANDLE key;
-    ASSERT_EQ(IoOpenDeviceInterfaceRegistryKey(&name, KEY_SET_VALUE, &key), STATUS_SUCCESS);
-    UNICODE_STRING valueName;
-    RtlInitUnicodeString(&valueName, L"FriendlyName");
+    ASSERT_EQ(IoOpenDeviceInterfaceRegistryKey(&name.string, KEY_SET_VALUE, &key), STATUS_SUCCESS);
     WCHAR friendly[] = L"Piano";
-    ASSERT_EQ(ZwSetValueKey(key, &valueName, 0, REG_SZ, friendly, sizeof friendly), STATUS_SUCCESS);
+    ASSERT_EQ(ZwSetValueKey(key, &valueName.string, 0, REG_SZ, friendly, sizeof friendly), STATUS_SUCCESS);
     ZwClose(key);
     EXPECT_EQ(narrow(hk::registry::value(found[0].deviceParametersKey, u"FriendlyName")->text()), "Piano");
 
@@ -421,14 +390,11 @@ TEST_F(PnpTest, InterfacesShareTheirLinkAndDisappearWithThePdo)
     ASSERT_EQ(setState(second, TRUE), STATUS_SUCCESS);
     ASSERT_EQ(setState(first, FALSE), STATUS_SUCCESS);
     hk::Process client(300);
-    hk::Handle h = 0;
-    ASSERT_EQ(client.open(second, GENERIC_READ, &h), STATUS_SUCCESS);
-    client.close(h);
+    EXPECT_EQ(client.close(openOk(client, second)), STATUS_SUCCESS);
 
-    NTSTATUS status;
-    registerInterface(kAudio, L"bad\\ref", &status);
-    EXPECT_EQ(status, STATUS_INVALID_DEVICE_REQUEST);
-    UNICODE_STRING link{};
+    UNICODE_STRING bad, link{};
+    RtlInitUnicodeString(&bad, L"bad\\ref");
+    EXPECT_EQ(IoRegisterDeviceInterface(node_->pdo(), &kAudio, &bad, &link), STATUS_INVALID_DEVICE_REQUEST);
     EXPECT_EQ(IoRegisterDeviceInterface(f.fdo, &kAudio, nullptr, &link), STATUS_INVALID_DEVICE_REQUEST)
         << "only a PDO has interfaces";
 

@@ -9,24 +9,6 @@ namespace {
 
 const std::u16string kKey = u"\\REGISTRY\\MACHINE\\SYSTEM\\CurrentControlSet\\Services\\HkReg\\Parameters";
 
-struct Unicode {
-    explicit Unicode(std::u16string text) : storage(std::move(text))
-    {
-        string.Buffer = reinterpret_cast<PWSTR>(storage.data());
-        string.Length = string.MaximumLength = USHORT(storage.size() * 2);
-    }
-    std::u16string storage;
-    UNICODE_STRING string{};
-};
-
-NTSTATUS openKey(const std::u16string &path, ACCESS_MASK access, HANDLE *key, HANDLE root = nullptr)
-{
-    Unicode name(path);
-    OBJECT_ATTRIBUTES oa;
-    InitializeObjectAttributes(&oa, &name.string, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, root, nullptr);
-    return ZwOpenKey(key, access, &oa);
-}
-
 NTSTATUS createKey(const std::u16string &path, ULONG options, HANDLE *key, ULONG *disposition)
 {
     Unicode name(path);
@@ -54,16 +36,7 @@ std::u16string upcaseAscii(std::u16string s)
 }
 
 // Zw routines need a system thread at PASSIVE_LEVEL; the test thread is one.
-class RegistryTest : public ::testing::Test {
-protected:
-    void TearDown() override
-    {
-        hk::verifyIoQuiescent();
-        hk::resetIoState();
-    }
-};
-
-TEST_F(RegistryTest, PartialInformationSizeQueryAndShortBuffers)
+TEST(RegistryTest, PartialInformationSizeQueryAndShortBuffers)
 {
     const UCHAR data[5] = {1, 2, 3, 4, 5};
     hk::registry::setValue(kKey, u"Blob", REG_BINARY, data, sizeof data);
@@ -101,7 +74,7 @@ TEST_F(RegistryTest, PartialInformationSizeQueryAndShortBuffers)
     EXPECT_EQ(ZwClose(key), STATUS_INVALID_HANDLE);
 }
 
-TEST_F(RegistryTest, ValuesRoundTripWithTheirTypesAndNamesFoldCase)
+TEST(RegistryTest, ValuesRoundTripWithTheirTypesAndNamesFoldCase)
 {
     HANDLE key;
     ULONG disposition = 0;
@@ -144,7 +117,7 @@ TEST_F(RegistryTest, ValuesRoundTripWithTheirTypesAndNamesFoldCase)
     ZwClose(key);
 }
 
-TEST_F(RegistryTest, MissingThingsAndRefusals)
+TEST(RegistryTest, MissingThingsAndRefusals)
 {
     hk::registry::setDword(kKey, u"MaxPorts", 3);
     HANDLE key, readOnly, writeOnly;
@@ -177,7 +150,7 @@ TEST_F(RegistryTest, MissingThingsAndRefusals)
     }
 }
 
-TEST_F(RegistryTest, VolatileKeysVanishAtRebootAndCannotHaveStableChildren)
+TEST(RegistryTest, VolatileKeysVanishAtRebootAndCannotHaveStableChildren)
 {
     HANDLE key;
     ULONG disposition;
@@ -195,7 +168,7 @@ TEST_F(RegistryTest, VolatileKeysVanishAtRebootAndCannotHaveStableChildren)
     EXPECT_TRUE(hk::registry::keyExists(kKey));
 }
 
-TEST_F(RegistryTest, InjectedFailuresHitTheChosenCall)
+TEST(RegistryTest, InjectedFailuresHitTheChosenCall)
 {
     hk::registry::setDword(kKey, u"MaxPorts", 3);
     struct Case {

@@ -11,13 +11,6 @@ namespace {
 
 constexpr ULONG kCode = CTL_CODE(0x8001, 0x800, METHOD_NEITHER, FILE_ANY_ACCESS);
 
-NTSTATUS completeNow(PIRP irp, NTSTATUS status)
-{
-    irp->IoStatus.Status = status;
-    IoCompleteRequest(irp, IO_NO_INCREMENT);
-    return status;
-}
-
 void noCancel(PDEVICE_OBJECT, PIRP irp)
 {
     IoReleaseCancelSpinLock(irp->CancelIrql);
@@ -35,62 +28,53 @@ struct DispatchCase {
 const DispatchCase kDispatchCases[] = {
     {"double completion",
      [](PDEVICE_OBJECT, PIRP irp) {
-         completeNow(irp, STATUS_SUCCESS);
-         return completeNow(irp, STATUS_SUCCESS);
+         complete(irp, STATUS_SUCCESS);
+         return complete(irp, STATUS_SUCCESS);
      },
      "IrpDoubleCompletion", 0},
     {"completion with a cancel routine set",
      [](PDEVICE_OBJECT, PIRP irp) {
          IoSetCancelRoutine(irp, noCancel);
-         return completeNow(irp, STATUS_SUCCESS);
+         return complete(irp, STATUS_SUCCESS);
      },
      "IrpCompletedWithCancelRoutine", 0},
     {"STATUS_PENDING without IoMarkIrpPending",
      [](PDEVICE_OBJECT, PIRP irp) {
-         completeNow(irp, STATUS_SUCCESS);
+         complete(irp, STATUS_SUCCESS);
          return NTSTATUS(STATUS_PENDING);
      },
      "IrpPendingNotMarked", 0},
     {"marked pending, completed, returned a final status",
      [](PDEVICE_OBJECT, PIRP irp) {
          IoMarkIrpPending(irp);
-         return completeNow(irp, STATUS_SUCCESS);
+         return complete(irp, STATUS_SUCCESS);
      },
      "IrpPendingMarkedButCompleted", 0},
     {"IRQL left raised",
      [](PDEVICE_OBJECT, PIRP irp) {
          KIRQL old;
          KeRaiseIrql(DISPATCH_LEVEL, &old);
-         return completeNow(irp, STATUS_SUCCESS);
+         return complete(irp, STATUS_SUCCESS);
      },
      "IrqlNotRestored", 0},
     {"legal: marked pending, completed, returned STATUS_PENDING",
      [](PDEVICE_OBJECT, PIRP irp) {
          IoMarkIrpPending(irp);
-         completeNow(irp, STATUS_BUFFER_OVERFLOW);
+         complete(irp, STATUS_BUFFER_OVERFLOW);
          return NTSTATUS(STATUS_PENDING);
      },
      nullptr, STATUS_BUFFER_OVERFLOW},
     {"legal: completed and returned the same status",
-     [](PDEVICE_OBJECT, PIRP irp) { return completeNow(irp, STATUS_DEVICE_BUSY); }, nullptr, STATUS_DEVICE_BUSY},
+     [](PDEVICE_OBJECT, PIRP irp) { return complete(irp, STATUS_DEVICE_BUSY); }, nullptr, STATUS_DEVICE_BUSY},
 };
 
 class VerifierTest : public IoTest {
 protected:
-    // The children must start from scratch: they need the DPC and worker
-    // threads that a forked child would not have.
-    void SetUp() override
-    {
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
-        IoTest::SetUp();
-    }
-
     hk::IoResult control(PDRIVER_DISPATCH dispatch)
     {
         driver_->MajorFunction[IRP_MJ_DEVICE_CONTROL] = dispatch;
         hk::Process app(100);
-        hk::Handle h = 0;
-        EXPECT_EQ(app.open(kDevice, GENERIC_READ, &h), STATUS_SUCCESS);
+        hk::Handle h = openOk(app);
         hk::IoResult r = app.deviceControl(h, kCode, nullptr, 0, nullptr, 0);
         app.close(h);
         return r;
@@ -117,10 +101,8 @@ TEST_F(VerifierTest, PendingNotMarkedIsCaughtWhenTheLateCompletionArrives)
             return NTSTATUS(STATUS_PENDING);
         };
         hk::Process app(100);
-        hk::Handle h = 0;
-        app.open(kDevice, GENERIC_READ, &h);
-        auto request = app.deviceControlAsync(h, kCode, nullptr, 0, 0);
-        std::thread([] { completeNow(gHeld, STATUS_SUCCESS); }).join();
+        auto request = app.deviceControlAsync(openOk(app), kCode, nullptr, 0, 0);
+        std::thread([] { complete(gHeld, STATUS_SUCCESS); }).join();
     };
     EXPECT_DEATH(action(), "IrpPendingNotMarked");
 }
@@ -136,8 +118,7 @@ TEST_F(VerifierTest, TeardownAndResourceRules)
         {"request never completed",
          [] {
              hk::Process app(100);
-             hk::Handle h = 0;
-             app.open(kDevice, GENERIC_READ, &h);
+             hk::Handle h = openOk(app);
              auto read = app.readAsync(h, 4);
              claimParked(); // taken by the driver and then forgotten
              app.close(h);
@@ -147,12 +128,8 @@ TEST_F(VerifierTest, TeardownAndResourceRules)
         {"registry handle left open",
          [] {
              std::thread([] {
-                 UNICODE_STRING path;
-                 RtlInitUnicodeString(&path, L"\\REGISTRY\\MACHINE\\SYSTEM");
-                 OBJECT_ATTRIBUTES oa;
-                 InitializeObjectAttributes(&oa, &path, OBJ_KERNEL_HANDLE, nullptr, nullptr);
                  HANDLE key;
-                 ZwOpenKey(&key, KEY_READ, &oa);
+                 openKey(u"\\REGISTRY\\MACHINE\\SYSTEM", KEY_READ, &key);
              }).join();
              hk::verifyIoQuiescent();
          },
@@ -177,9 +154,7 @@ TEST_F(VerifierTest, TeardownAndResourceRules)
          [] {
              static KTIMER timer;
              KeInitializeTimer(&timer);
-             LARGE_INTEGER due;
-             due.QuadPart = -10LL * 1000 * 1000 * 60;
-             KeSetTimer(&timer, due, nullptr);
+             KeSetTimer(&timer, relativeMs(60000), nullptr);
              hk::verifyIoQuiescent();
          },
          "TimerFreedWhileQueued"},
@@ -187,9 +162,7 @@ TEST_F(VerifierTest, TeardownAndResourceRules)
          [] {
              auto *timer = static_cast<PKTIMER>(ExAllocatePoolWithTag(NonPagedPool, sizeof(KTIMER), hk::tag("Test")));
              KeInitializeTimer(timer);
-             LARGE_INTEGER due;
-             due.QuadPart = -10LL * 1000 * 1000 * 60;
-             KeSetTimer(timer, due, nullptr);
+             KeSetTimer(timer, relativeMs(60000), nullptr);
              ExFreePoolWithTag(timer, hk::tag("Test"));
          },
          "TimerFreedWhileQueued"},
@@ -199,9 +172,7 @@ TEST_F(VerifierTest, TeardownAndResourceRules)
              auto *dpc = static_cast<PKDPC>(ExAllocatePoolWithTag(NonPagedPool, sizeof(KDPC), hk::tag("Test")));
              KeInitializeDpc(dpc, [](PKDPC, PVOID, PVOID, PVOID) {}, nullptr);
              KeInitializeTimer(&timer);
-             LARGE_INTEGER due;
-             due.QuadPart = -10LL * 1000 * 1000 * 60;
-             KeSetTimer(&timer, due, dpc);
+             KeSetTimer(&timer, relativeMs(60000), dpc);
              ExFreePoolWithTag(dpc, hk::tag("Test"));
          },
          "DpcFreedWhileQueued"},
