@@ -12,7 +12,7 @@ using namespace std::chrono_literals;
 
 class CallerTest : public IoTest {};
 
-TEST_F(CallerTest, OpenSplitsThePathAsTheObjectManagerDoes)
+TEST_F(CallerTest, OpenSplitsThePathAndAFailedCreateOwesNothing)
 {
     struct Case {
         std::u16string path;
@@ -51,6 +51,15 @@ TEST_F(CallerTest, OpenSplitsThePathAsTheObjectManagerDoes)
         EXPECT_EQ(create.file->DeviceObject, g.device);
         EXPECT_EQ(app.close(h), STATUS_SUCCESS);
     }
+    // A create the driver refuses leaves no handle and owes it no cleanup or close.
+    g.createStatus = STATUS_ALIAS_EXISTS;
+    size_t before = g.majors().size();
+    hk::Handle h = 0;
+    EXPECT_EQ(app.open(kLink + u"\\Dup", GENERIC_READ, &h), STATUS_ALIAS_EXISTS);
+    EXPECT_EQ(h, 0u);
+    EXPECT_EQ(g.majors().size(), before + 1);
+    EXPECT_EQ(g.majors().back(), IRP_MJ_CREATE);
+    EXPECT_EQ(app.handleCount(), 0u);
 }
 
 TEST_F(CallerTest, CreateCarriesMappedAccessAndTheCallersProcess)
@@ -70,8 +79,7 @@ TEST_F(CallerTest, CreateCarriesMappedAccessAndTheCallersProcess)
     g.readData = {9};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.asked);
-        hk::Handle h = 0;
-        ASSERT_EQ(app.open(kDevice + u"\\P", c.asked, &h), STATUS_SUCCESS);
+        hk::Handle h = openOk(app, kDevice + u"\\P", c.asked);
         Seen create = g.seen.back();
         EXPECT_EQ(create.access, c.seen);
         EXPECT_EQ(create.processId, HANDLE(4321));
@@ -86,37 +94,37 @@ TEST_F(CallerTest, CreateCarriesMappedAccessAndTheCallersProcess)
     EXPECT_EQ(g.count(IRP_MJ_WRITE), 2u);
 }
 
-TEST_F(CallerTest, FailedCreateOwesNoCleanupOrClose)
-{
-    g.createStatus = STATUS_ALIAS_EXISTS;
-    hk::Process app(100);
-    hk::Handle h = 0;
-    EXPECT_EQ(app.open(kLink + u"\\Dup", GENERIC_READ, &h), STATUS_ALIAS_EXISTS);
-    EXPECT_EQ(h, 0u);
-    EXPECT_EQ(g.majors(), std::vector<UCHAR>{IRP_MJ_CREATE});
-    EXPECT_EQ(app.handleCount(), 0u);
-}
-
-TEST_F(CallerTest, DirectReadsMapTheCallersBufferAndZeroLengthHasNoMdl)
+TEST_F(CallerTest, ReadsAndWritesGetTheBufferTheDeviceAsksFor)
 {
     hk::Process app(100);
-    hk::Handle h = 0;
-    ASSERT_EQ(app.open(kDevice + u"\\P", GENERIC_READ, &h), STATUS_SUCCESS);
+    hk::Handle h = openOk(app, kDevice + u"\\P", GENERIC_READ | GENERIC_WRITE);
+    // Direct: an MDL on the caller's buffer, none for zero length.
     g.readData = {1, 2, 3, 4, 5};
-    char buffer[3] = {};
-    hk::IoResult r = app.read(h, buffer, sizeof buffer);
+    char buffer[6] = {};
+    hk::IoResult r = app.read(h, buffer, 3);
     EXPECT_EQ(r.status, STATUS_SUCCESS);
     EXPECT_EQ(r.information, 3u);
     EXPECT_EQ(r.priorityBoost, IO_SOUND_INCREMENT);
     EXPECT_EQ(std::string(buffer, 3), std::string("\x01\x02\x03"));
     EXPECT_TRUE(g.seen.back().hasMdl);
-
     EXPECT_EQ(app.read(h, buffer, 0).status, STATUS_INSUFFICIENT_RESOURCES); // the driver finds no buffer
     EXPECT_FALSE(g.seen.back().hasMdl);
-
     hk::injectIoFault(hk::IoFault::MapMdl);
     EXPECT_EQ(app.read(h, buffer, 3).status, STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(app.read(h, buffer, 3).status, STATUS_SUCCESS); // one failure only
+
+    // Buffered: a system buffer, of which only the Information bytes come back.
+    setBuffering(DO_BUFFERED_IO);
+    g.readData = {1, 2, 3};
+    memset(buffer, 9, sizeof buffer);
+    EXPECT_EQ(app.read(h, buffer, sizeof buffer).information, 3u);
+    EXPECT_EQ(std::string(buffer, 6), std::string("\x01\x02\x03\x09\x09\x09", 6));
+    Seen read = g.seen.back();
+    EXPECT_FALSE(read.hasMdl);
+    EXPECT_NE(read.systemBuffer, nullptr);
+    EXPECT_NE(read.systemBuffer, static_cast<PVOID>(buffer));
+    EXPECT_EQ(app.write(h, "abc", 3).information, 3u);
+    EXPECT_NE(g.seen.back().systemBuffer, nullptr);
     app.close(h);
 }
 
@@ -133,8 +141,7 @@ TEST_F(CallerTest, DeviceControlsDeliverBuffersByTransferType)
         {METHOD_NEITHER, false, true},
     };
     hk::Process app(100);
-    hk::Handle h = 0;
-    ASSERT_EQ(app.open(kDevice, GENERIC_READ | GENERIC_WRITE, &h), STATUS_SUCCESS);
+    hk::Handle h = openOk(app, kDevice, GENERIC_READ | GENERIC_WRITE);
     for (const auto &c : cases) {
         SCOPED_TRACE(c.method);
         UCHAR in[3] = {1, 2, 3};
@@ -152,8 +159,7 @@ TEST_F(CallerTest, DeviceControlsDeliverBuffersByTransferType)
     }
     // The code's required access is the handle's business too.
     ULONG writeCode = CTL_CODE(0x8001, 0x802, METHOD_BUFFERED, FILE_WRITE_ACCESS);
-    hk::Handle readOnly = 0;
-    ASSERT_EQ(app.open(kDevice, GENERIC_READ, &readOnly), STATUS_SUCCESS);
+    hk::Handle readOnly = openOk(app);
     EXPECT_EQ(app.deviceControl(readOnly, writeCode, nullptr, 0, nullptr, 0).status, STATUS_ACCESS_DENIED);
     EXPECT_EQ(app.deviceControl(h, writeCode, nullptr, 0, nullptr, 0).status, STATUS_SUCCESS);
     app.close(readOnly);
@@ -163,8 +169,7 @@ TEST_F(CallerTest, DeviceControlsDeliverBuffersByTransferType)
 TEST_F(CallerTest, AsyncReadStaysPendingUntilCompletedAndReportsEverything)
 {
     hk::Process app(100);
-    hk::Handle h = 0;
-    ASSERT_EQ(app.open(kDevice, GENERIC_READ, &h), STATUS_SUCCESS);
+    hk::Handle h = openOk(app);
     auto read = app.readAsync(h, 16);
     EXPECT_FALSE(read->wait(20ms));
     EXPECT_EQ(read->status(), STATUS_PENDING);
@@ -186,12 +191,10 @@ TEST_F(CallerTest, AsyncReadStaysPendingUntilCompletedAndReportsEverything)
     app.close(h);
 }
 
-TEST_F(CallerTest, CancelIoCancelsOnlyTheCallersOwnRequests)
+TEST_F(CallerTest, CancelIoCancelsTheCallersOwnRequestsEvenBeforeTheyPark)
 {
     hk::Process app(100), other(200);
-    hk::Handle h = 0, o = 0;
-    ASSERT_EQ(app.open(kDevice, GENERIC_READ, &h), STATUS_SUCCESS);
-    ASSERT_EQ(other.open(kDevice, GENERIC_READ, &o), STATUS_SUCCESS);
+    hk::Handle h = openOk(app), o = openOk(other);
     EXPECT_EQ(app.cancelIo(h), STATUS_NOT_FOUND);
     auto a1 = app.readAsync(h, 4);
     auto a2 = app.readAsync(h, 4);
@@ -203,15 +206,7 @@ TEST_F(CallerTest, CancelIoCancelsOnlyTheCallersOwnRequests)
     EXPECT_EQ(b->cancel(), STATUS_SUCCESS);
     EXPECT_EQ(b->status(), STATUS_CANCELLED);
     EXPECT_EQ(app.cancelIo(h + 1000), STATUS_INVALID_HANDLE);
-    app.close(h);
-    other.close(o);
-}
 
-TEST_F(CallerTest, CancelBeforeTheDriverParksIsSeenThroughTheCancelFlag)
-{
-    hk::Process app(100);
-    hk::Handle h = 0;
-    ASSERT_EQ(app.open(kDevice, GENERIC_READ, &h), STATUS_SUCCESS);
     // Another thread of the process cancels while the dispatch routine runs,
     // before any cancel routine is set: only the Cancel flag can tell.
     NTSTATUS cancelled = STATUS_PENDING;
@@ -222,13 +217,13 @@ TEST_F(CallerTest, CancelBeforeTheDriverParksIsSeenThroughTheCancelFlag)
     EXPECT_EQ(read->status(), STATUS_CANCELLED);
     EXPECT_EQ(parkedCount(), 0u);
     app.close(h);
+    other.close(o);
 }
 
 TEST_F(CallerTest, CloseSendsCleanupAtOnceAndCloseWhenTheLastReferenceGoes)
 {
     hk::Process app(100);
-    hk::Handle h = 0, copy = 0;
-    ASSERT_EQ(app.open(kDevice, GENERIC_READ, &h), STATUS_SUCCESS);
+    hk::Handle h = openOk(app), copy = 0;
     ASSERT_EQ(app.duplicate(h, &copy), STATUS_SUCCESS);
     auto read = app.readAsync(h, 8);
     ASSERT_EQ(app.close(h), STATUS_SUCCESS);
@@ -256,8 +251,7 @@ TEST_F(CallerTest, CloseSendsCleanupAtOnceAndCloseWhenTheLastReferenceGoes)
 TEST_F(CallerTest, RelatedOpensReachTheSameDeviceAndCloseChildFirst)
 {
     hk::Process app(100);
-    hk::Handle filter = 0, pin = 0;
-    ASSERT_EQ(app.open(kLink + u"\\filter", GENERIC_READ, &filter), STATUS_SUCCESS);
+    hk::Handle filter = openOk(app, kLink + u"\\filter"), pin = 0;
     const std::u16string pinName = u"{146F1A80-4791-11D0-A5D6-28DB04C10000}\\\x0001\x0002";
     ASSERT_EQ(app.openRelative(filter, pinName, GENERIC_READ | GENERIC_WRITE, &pin), STATUS_SUCCESS);
     Seen create = g.seen.back();
@@ -266,23 +260,9 @@ TEST_F(CallerTest, RelatedOpensReachTheSameDeviceAndCloseChildFirst)
     EXPECT_EQ(create.file->DeviceObject, g.device);
 
     app.close(filter); // the pin still holds its filter
-    std::vector<Seen> closes;
-    for (auto &s : g.seen) {
-        if (s.major == IRP_MJ_CLOSE) {
-            closes.push_back(s);
-        }
-    }
-    EXPECT_TRUE(closes.empty());
+    EXPECT_EQ(g.count(IRP_MJ_CLOSE), 0u);
     app.close(pin);
-    std::vector<PFILE_OBJECT> order;
-    for (auto &s : g.seen) {
-        if (s.major == IRP_MJ_CLOSE) {
-            order.push_back(s.file);
-        }
-    }
-    ASSERT_EQ(order.size(), 2u);
-    EXPECT_EQ(order[0], create.file);
-    EXPECT_EQ(order[1], create.related);
+    EXPECT_EQ(g.files(IRP_MJ_CLOSE), (std::vector<PFILE_OBJECT>{create.file, create.related}));
 }
 
 TEST_F(CallerTest, ProcessExitCancelsAndClosesWhatItLeftOpen)
@@ -290,9 +270,7 @@ TEST_F(CallerTest, ProcessExitCancelsAndClosesWhatItLeftOpen)
     std::shared_ptr<hk::Request> read;
     {
         hk::Process app(100);
-        hk::Handle h = 0;
-        ASSERT_EQ(app.open(kDevice, GENERIC_READ, &h), STATUS_SUCCESS);
-        read = app.readAsync(h, 8);
+        read = app.readAsync(openOk(app), 8);
     }
     EXPECT_EQ(read->status(), STATUS_CANCELLED);
     EXPECT_EQ(g.majors(), (std::vector<UCHAR>{IRP_MJ_CREATE, IRP_MJ_READ, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}));
@@ -302,8 +280,7 @@ TEST_F(CallerTest, ProcessExitCancelsAndClosesWhatItLeftOpen)
 TEST_F(CallerTest, OtherMajorsReachTheDriverAndBadHandlesDoNot)
 {
     hk::Process app(100);
-    hk::Handle h = 0;
-    ASSERT_EQ(app.open(kDevice, GENERIC_READ, &h), STATUS_SUCCESS);
+    hk::Handle h = openOk(app);
     EXPECT_EQ(app.request(h, IRP_MJ_FLUSH_BUFFERS).status, STATUS_INVALID_DEVICE_REQUEST);
     EXPECT_EQ(app.internalDeviceControl(h, 0x1234, nullptr, 0, nullptr, 0).status, STATUS_INVALID_DEVICE_REQUEST);
     EXPECT_EQ(g.seen.back().major, IRP_MJ_INTERNAL_DEVICE_CONTROL);
@@ -318,8 +295,7 @@ TEST_F(CallerTest, OtherMajorsReachTheDriverAndBadHandlesDoNot)
 TEST_F(CallerTest, DeletedDeviceStillServesOpenHandlesButNoNewOpens)
 {
     hk::Process app(100);
-    hk::Handle h = 0;
-    ASSERT_EQ(app.open(kLink, GENERIC_READ, &h), STATUS_SUCCESS);
+    hk::Handle h = openOk(app, kLink);
     std::thread([] { IoDeleteDevice(g.device); }).join();
     EXPECT_FALSE(hk::objectExists(kDevice));
     hk::Handle again = 0;
@@ -331,35 +307,7 @@ TEST_F(CallerTest, DeletedDeviceStillServesOpenHandlesButNoNewOpens)
     EXPECT_EQ(g.count(IRP_MJ_CLOSE), 1u);
 }
 
-class BufferedTest : public IoTest {
-protected:
-    void SetUp() override
-    {
-        g.deviceFlags = DO_BUFFERED_IO;
-        IoTest::SetUp();
-    }
-};
-
-TEST_F(BufferedTest, TransfersGoThroughASystemBufferAndOnlyInformationBytesComeBack)
-{
-    hk::Process app(100);
-    hk::Handle h = 0;
-    ASSERT_EQ(app.open(kDevice, GENERIC_READ | GENERIC_WRITE, &h), STATUS_SUCCESS);
-    g.readData = {1, 2, 3};
-    char buffer[6] = {9, 9, 9, 9, 9, 9};
-    hk::IoResult r = app.read(h, buffer, sizeof buffer);
-    EXPECT_EQ(r.information, 3u);
-    EXPECT_EQ(std::string(buffer, 6), std::string("\x01\x02\x03\x09\x09\x09", 6));
-    Seen read = g.seen.back();
-    EXPECT_FALSE(read.hasMdl);
-    EXPECT_NE(read.systemBuffer, nullptr);
-    EXPECT_NE(read.systemBuffer, static_cast<PVOID>(buffer));
-    EXPECT_EQ(app.write(h, "abc", 3).information, 3u);
-    EXPECT_NE(g.seen.back().systemBuffer, nullptr);
-    app.close(h);
-}
-
-TEST(CallerDevices, ExclusiveAndInitializingDevicesRefuseOpens)
+TEST_F(CallerTest, ExclusiveAndInitializingDevicesRefuseOpens)
 {
     struct Case {
         BOOLEAN exclusive;
@@ -370,42 +318,26 @@ TEST(CallerDevices, ExclusiveAndInitializingDevicesRefuseOpens)
         {TRUE, true, STATUS_SUCCESS, STATUS_ACCESS_DENIED},
         {FALSE, false, STATUS_NO_SUCH_DEVICE, STATUS_NO_SUCH_DEVICE},
     };
+    hk::Process app(100);
     for (const auto &c : cases) {
-        struct Driver {
-            static NTSTATUS entry(PDRIVER_OBJECT, PUNICODE_STRING) { return STATUS_SUCCESS; }
-        };
-        NTSTATUS status;
-        PDRIVER_OBJECT driver = hk::loadDriver(u"HkExclusive", Driver::entry, &status);
-        ASSERT_NE(driver, nullptr);
+        SCOPED_TRACE(testing::Message() << "exclusive " << int(c.exclusive) << ", ready " << c.clearInitializing);
         // Made after DriverEntry (as AddDevice would), so the flag stays as the driver leaves it.
         PDEVICE_OBJECT device = nullptr;
         std::thread([&] {
-            UNICODE_STRING name;
-            RtlInitUnicodeString(&name, L"\\Device\\HkExclusive");
-            ASSERT_EQ(IoCreateDevice(driver, 0, &name, FILE_DEVICE_UNKNOWN, 0, c.exclusive, &device),
+            Unicode name(u"\\Device\\HkExclusive");
+            ASSERT_EQ(IoCreateDevice(driver_, 0, &name.string, FILE_DEVICE_UNKNOWN, 0, c.exclusive, &device),
                       STATUS_SUCCESS);
             if (c.clearInitializing) {
                 device->Flags &= ~DO_DEVICE_INITIALIZING;
             }
-            for (auto &slot : driver->MajorFunction) {
-                slot = [](PDEVICE_OBJECT, PIRP irp) {
-                    irp->IoStatus.Status = STATUS_SUCCESS;
-                    IoCompleteRequest(irp, IO_NO_INCREMENT);
-                    return STATUS_SUCCESS;
-                };
-            }
         }).join();
-        hk::Process app(100);
         hk::Handle a = 0, b = 0;
         EXPECT_EQ(app.open(u"\\Device\\HkExclusive", GENERIC_READ, &a), c.first);
         EXPECT_EQ(app.open(u"\\Device\\HkExclusive", GENERIC_READ, &b), c.second);
         app.close(a);
         app.close(b);
         std::thread([&] { IoDeleteDevice(device); }).join();
-        EXPECT_EQ(hk::unloadDriver(driver), STATUS_SUCCESS);
     }
-    hk::verifyIoQuiescent();
-    hk::resetIoState();
 }
 
 } // namespace

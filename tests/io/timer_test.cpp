@@ -37,23 +37,16 @@ protected:
         KeInitializeDpc(&dpc_, DpcProbe::routine, &probe_);
         KeInitializeTimer(&timer_);
     }
+    // The timer and DPC live in the fixture: neither may stay queued past it.
     void TearDown() override
     {
         KeCancelTimer(&timer_);
         KeFlushQueuedDpcs();
-        hk::verifyIoQuiescent();
     }
     bool waitRun(LONGLONG milliseconds)
     {
-        LARGE_INTEGER timeout;
-        timeout.QuadPart = -milliseconds * 10000;
+        LARGE_INTEGER timeout = relativeMs(milliseconds);
         return KeWaitForSingleObject(&probe_.ran, Executive, KernelMode, FALSE, &timeout) == STATUS_SUCCESS;
-    }
-    static LARGE_INTEGER relative(LONGLONG milliseconds)
-    {
-        LARGE_INTEGER due;
-        due.QuadPart = -milliseconds * 10000;
-        return due;
     }
 
     DpcProbe probe_;
@@ -61,23 +54,12 @@ protected:
     KTIMER timer_;
 };
 
-TEST_F(TimerTest, QueuedDpcRunsOnceOnTheDpcThreadAtDispatchLevel)
-{
-    EXPECT_TRUE(KeInsertQueueDpc(&dpc_, reinterpret_cast<PVOID>(7), nullptr));
-    KeFlushQueuedDpcs();
-    EXPECT_EQ(probe_.runs, 1);
-    EXPECT_EQ(probe_.irql, DISPATCH_LEVEL);
-    EXPECT_FALSE(probe_.onCallerThread);
-    EXPECT_EQ(probe_.argument1, reinterpret_cast<PVOID>(7));
-    EXPECT_FALSE(KeRemoveQueueDpc(&dpc_)) << "it ran, it is no longer queued";
-}
-
 TEST_F(TimerTest, TimerFiresOnceAndReportsQueuedStateCorrectly)
 {
     struct Case {
         const char *name;
         LONGLONG due; // < 0 relative; 1: absolute one 5 ms ahead; 0: now
-    } cases[] = {{"relative", -5 * 10000}, {"absolute", 1}, {"zero", 0}};
+    } cases[] = {{"relative", relativeMs(5).QuadPart}, {"absolute", 1}, {"zero", 0}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         int before = probe_.runs;
@@ -94,14 +76,14 @@ TEST_F(TimerTest, TimerFiresOnceAndReportsQueuedStateCorrectly)
         EXPECT_TRUE(KeReadStateTimer(&timer_));
         EXPECT_FALSE(KeCancelTimer(&timer_)) << "an expired timer is not queued";
     }
-    EXPECT_FALSE(KeSetTimer(&timer_, relative(60000), &dpc_));
+    EXPECT_FALSE(KeSetTimer(&timer_, relativeMs(60000), &dpc_));
     EXPECT_FALSE(KeReadStateTimer(&timer_));
-    EXPECT_TRUE(KeSetTimer(&timer_, relative(60000), &dpc_)) << "re-arming a queued timer";
+    EXPECT_TRUE(KeSetTimer(&timer_, relativeMs(60000), &dpc_)) << "re-arming a queued timer";
     EXPECT_TRUE(KeCancelTimer(&timer_));
     EXPECT_FALSE(KeCancelTimer(&timer_));
 }
 
-TEST_F(TimerTest, DpcQueuesOnlyOnceAndCanBeRemovedWhileQueued)
+TEST_F(TimerTest, DpcQueuesOnceAndRunsOnceOnTheDpcThreadAtDispatchLevel)
 {
     // Keep the DPC thread busy so that the probe stays queued meanwhile.
     static std::atomic<bool> release{false}, entered{false};
@@ -129,11 +111,14 @@ TEST_F(TimerTest, DpcQueuesOnlyOnceAndCanBeRemovedWhileQueued)
     KeFlushQueuedDpcs();
     EXPECT_EQ(probe_.runs, 1);
     EXPECT_EQ(probe_.argument1, reinterpret_cast<PVOID>(3));
+    EXPECT_EQ(probe_.irql, DISPATCH_LEVEL);
+    EXPECT_FALSE(probe_.onCallerThread);
+    EXPECT_FALSE(KeRemoveQueueDpc(&dpc_)) << "it ran, it is no longer queued";
 }
 
 TEST_F(TimerTest, PeriodicTimerKeepsFiringUntilCancelled)
 {
-    KeSetTimerEx(&timer_, relative(1), 1, &dpc_);
+    KeSetTimerEx(&timer_, relativeMs(1), 1, &dpc_);
     for (int i = 0; i < 3; i++) {
         EXPECT_TRUE(waitRun(5000));
     }
@@ -149,9 +134,7 @@ TEST(EventTest, WaitsTimeOutOrReturnWhenSignalled)
     KEVENT notification, synchronization;
     KeInitializeEvent(&notification, NotificationEvent, FALSE);
     KeInitializeEvent(&synchronization, SynchronizationEvent, FALSE);
-    LARGE_INTEGER shortWait, zero;
-    shortWait.QuadPart = -10 * 10000;
-    zero.QuadPart = 0;
+    LARGE_INTEGER shortWait = relativeMs(10), zero = relativeMs(0);
     EXPECT_EQ(KeWaitForSingleObject(&notification, Executive, KernelMode, FALSE, &shortWait), STATUS_TIMEOUT);
     std::thread setter([&] {
         std::this_thread::sleep_for(5ms);
