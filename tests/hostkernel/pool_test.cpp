@@ -36,7 +36,7 @@ std::vector<bool> attempt(const std::vector<ULONG> &tags)
     return failed;
 }
 
-TEST(Pool, AccountsBlocksPerTag)
+TEST(Pool, AccountsBlocksPerTagInMemoryThatIsNeverZero)
 {
     hk::PoolTagStats before = hk::poolStats(T);
     void *a = ExAllocatePoolWithTag(NonPagedPoolNx, 100, T);
@@ -45,6 +45,10 @@ TEST(Pool, AccountsBlocksPerTag)
     void *empty = ExAllocatePoolWithTag(NonPagedPoolNx, 0, T);
     ASSERT_TRUE(a && b && c && empty);
     EXPECT_TRUE(empty != a && empty != b);
+    // Fresh memory is never zero, so code that forgets to clear it shows.
+    for (auto [p, size] : {std::pair{a, 100}, {b, 28}, {c, 5}}) {
+        EXPECT_EQ(std::count(static_cast<char *>(p), static_cast<char *>(p) + size, 0), 0) << size;
+    }
 
     hk::PoolTagStats during = hk::poolStats(T);
     EXPECT_EQ(during.liveAllocations, before.liveAllocations + 3);
@@ -65,16 +69,6 @@ TEST(Pool, AccountsBlocksPerTag)
     EXPECT_EQ(after.totalAllocations, before.totalAllocations + 3);
     EXPECT_EQ(after.failedAllocations, before.failedAllocations + 1);
     EXPECT_EQ(hk::poolLiveAllocations(), 0u);
-}
-
-TEST(Pool, FreshMemoryIsNeverZero)
-{
-    for (size_t size : {1u, 16u, 4096u}) {
-        auto p = static_cast<unsigned char *>(ExAllocatePoolWithTag(NonPagedPoolNx, size, T));
-        ASSERT_NE(p, nullptr);
-        EXPECT_EQ(std::count(p, p + size, 0), 0) << size;
-        ExFreePool(p);
-    }
 }
 
 TEST(Pool, FaultInjectionHitsExactlyTheChosenAttempts)

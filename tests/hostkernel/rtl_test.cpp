@@ -150,6 +150,8 @@ TEST(Rtl, SafePrintersCutAndTerminate)
         const char16_t *result; // null: the buffer is untouched
     };
     auto ambrel = [](PWSTR d, size_t n) { return RtlStringCchPrintfW(d, n, L"ambrel%d", 5); };
+    auto bytes = [](PWSTR d, size_t n) { return RtlStringCbPrintfW(d, n, L"%s-%d", L"abc", 12); };
+    auto copy = [](PWSTR d, size_t n) { return RtlStringCchCopyW(d, n, L"abc"); };
     const Case cases[] = {
         {"room to spare", 16, ambrel, STATUS_SUCCESS, u"ambrel5"},
         {"exactly enough", 8, ambrel, STATUS_SUCCESS, u"ambrel5"},
@@ -157,18 +159,12 @@ TEST(Rtl, SafePrintersCutAndTerminate)
         {"only the terminator", 1, ambrel, STATUS_BUFFER_OVERFLOW, u""},
         {"no room at all", 0, ambrel, STATUS_INVALID_PARAMETER, nullptr},
         {"beyond the maximum", size_t(NTSTRSAFE_MAX_CCH) + 1, ambrel, STATUS_INVALID_PARAMETER, nullptr},
-        {"bytes, even", 16, [](PWSTR d, size_t n) { return RtlStringCbPrintfW(d, n, L"%s-%d", L"abc", 12); },
-         STATUS_SUCCESS, u"abc-12"},
-        {"bytes, an odd count rounds down", 11, [](PWSTR d, size_t n) { return RtlStringCbPrintfW(d, n, L"%s-%d", L"abc", 12); },
-         STATUS_BUFFER_OVERFLOW, u"abc-"},
-        {"bytes, less than one character", 1,
-         [](PWSTR d, size_t n) { return RtlStringCbPrintfW(d, n, L"x"); }, STATUS_INVALID_PARAMETER, nullptr},
-        {"copy that fits", 4, [](PWSTR d, size_t n) { return RtlStringCchCopyW(d, n, L"abc"); }, STATUS_SUCCESS,
-         u"abc"},
-        {"copy cut", 3, [](PWSTR d, size_t n) { return RtlStringCchCopyW(d, n, L"abc"); }, STATUS_BUFFER_OVERFLOW,
-         u"ab"},
-        {"copy into nothing", 0, [](PWSTR d, size_t n) { return RtlStringCchCopyW(d, n, L"abc"); },
-         STATUS_INVALID_PARAMETER, nullptr},
+        {"bytes, even", 16, bytes, STATUS_SUCCESS, u"abc-12"},
+        {"bytes, an odd count rounds down", 11, bytes, STATUS_BUFFER_OVERFLOW, u"abc-"},
+        {"bytes, less than one character", 1, bytes, STATUS_INVALID_PARAMETER, nullptr},
+        {"copy that fits", 4, copy, STATUS_SUCCESS, u"abc"},
+        {"copy cut", 3, copy, STATUS_BUFFER_OVERFLOW, u"ab"},
+        {"copy into nothing", 0, copy, STATUS_INVALID_PARAMETER, nullptr},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
