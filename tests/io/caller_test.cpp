@@ -262,7 +262,12 @@ TEST_F(CallerTest, RelatedOpensReachTheSameDeviceAndCloseChildFirst)
     app.close(filter); // the pin still holds its filter
     EXPECT_EQ(g.count(IRP_MJ_CLOSE), 0u);
     app.close(pin);
-    EXPECT_EQ(g.files(IRP_MJ_CLOSE), (std::vector<PFILE_OBJECT>{create.file, create.related}));
+    ASSERT_EQ(g.count(IRP_MJ_CLOSE), 2u);
+    const Seen &pinClose = g.seen[g.seen.size() - 2], &filterClose = g.seen.back();
+    EXPECT_EQ(pinClose.major, IRP_MJ_CLOSE);
+    EXPECT_EQ(pinClose.file, create.file) << "the pin closes before its filter";
+    EXPECT_EQ(filterClose.major, IRP_MJ_CLOSE);
+    EXPECT_EQ(filterClose.file, create.related);
 }
 
 TEST_F(CallerTest, ProcessExitCancelsAndClosesWhatItLeftOpen)

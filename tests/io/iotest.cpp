@@ -22,24 +22,6 @@ size_t DriverState::count(UCHAR major)
     return size_t(std::count(all.begin(), all.end(), major));
 }
 
-Seen DriverState::last()
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    return seen.back();
-}
-
-std::vector<PFILE_OBJECT> DriverState::files(UCHAR major)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    std::vector<PFILE_OBJECT> out;
-    for (auto &s : seen) {
-        if (s.major == major) {
-            out.push_back(s.file);
-        }
-    }
-    return out;
-}
-
 std::string narrow(std::u16string_view s)
 {
     std::string out;

@@ -54,9 +54,6 @@ struct DriverState {
 
     std::vector<UCHAR> majors();
     size_t count(UCHAR major);
-    Seen last();
-    // The file objects of the requests of one major function, in arrival order.
-    std::vector<PFILE_OBJECT> files(UCHAR major);
 };
 extern DriverState g;
 

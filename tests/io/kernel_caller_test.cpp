@@ -76,7 +76,7 @@ TEST_F(KernelCallerTest, BuiltTransfersCarryTheDevicesBufferingAndComeBackToTheC
         EXPECT_EQ(result->dispatchStatus, STATUS_SUCCESS);
         EXPECT_EQ(result->information, 4u);
         EXPECT_EQ(result->priorityBoost, c.boost);
-        Seen seen = g.last();
+        Seen seen = g.seen.back();
         EXPECT_EQ(seen.major, c.major);
         EXPECT_EQ(seen.file, nullptr);
         EXPECT_EQ(seen.mode, KernelMode);

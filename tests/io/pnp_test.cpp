@@ -22,8 +22,7 @@ struct Function {
     bool failAfterAttach = false; // AddDevice attaches its device, then fails
     bool refuseQueryRemove = false;
     bool detachOnRemove = true;
-    bool startSawList = false;
-    ULONG startListCount = 99;
+    LONG startListCount = 99; // the start's resource list's, -1 without a list
     NTSTATUS lowerStartStatus = STATUS_PENDING;
     std::vector<std::u16string> createNames;
     std::vector<UCHAR> fileMajors; // cleanup and close, in arrival order
@@ -44,10 +43,8 @@ NTSTATUS functionPnp(PDEVICE_OBJECT fdo, PIRP irp)
     }
     switch (stack->MinorFunction) {
     case IRP_MN_START_DEVICE: {
-        f.startSawList = stack->Parameters.StartDevice.AllocatedResources != nullptr;
-        if (f.startSawList) {
-            f.startListCount = stack->Parameters.StartDevice.AllocatedResources->Count;
-        }
+        PCM_RESOURCE_LIST resources = stack->Parameters.StartDevice.AllocatedResources;
+        f.startListCount = resources != nullptr ? LONG(resources->Count) : -1;
         KEVENT done;
         KeInitializeEvent(&done, NotificationEvent, FALSE);
         IoCopyCurrentIrpStackLocationToNext(irp);
@@ -180,10 +177,9 @@ TEST_F(PnpTest, StartIsForwardedDownAndStateChangesReachTheStack)
 
     EXPECT_EQ(node_->start(), STATUS_SUCCESS);
     EXPECT_EQ(f.lowerStartStatus, STATUS_SUCCESS) << "the root bus completed the start first";
-    EXPECT_TRUE(f.startSawList);
-    EXPECT_EQ(f.startListCount, 0u);
+    EXPECT_EQ(f.startListCount, 0);
     EXPECT_EQ(node_->start(nullptr, nullptr), STATUS_SUCCESS);
-    EXPECT_FALSE(f.startSawList);
+    EXPECT_EQ(f.startListCount, -1);
 
     EXPECT_EQ(node_->stop(), STATUS_SUCCESS);
     hk::IoResult unknown = node_->send(0x0E);
@@ -206,7 +202,7 @@ TEST_F(PnpTest, StartIsForwardedDownAndStateChangesReachTheStack)
                                             IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_REMOVE_DEVICE}));
 }
 
-TEST_F(PnpTest, RefusedQueryRemoveIsCancelledAndFailedAddDeviceLeavesNothing)
+TEST_F(PnpTest, RefusedQueryRemoveIsCancelled)
 {
     node_ = hk::addRootDevice(driver_);
     f.refuseQueryRemove = true;
@@ -215,29 +211,31 @@ TEST_F(PnpTest, RefusedQueryRemoveIsCancelledAndFailedAddDeviceLeavesNothing)
     EXPECT_EQ(minors(), (std::vector<UCHAR>{IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE}));
     f.refuseQueryRemove = false;
     EXPECT_EQ(node_->surpriseRemove(), STATUS_SUCCESS);
-
-    f.addStatus = STATUS_INSUFFICIENT_RESOURCES;
-    f.minors.clear();
-    auto failed = hk::addRootDevice(driver_, u"ROOT\\MEDIA\\0001");
-    EXPECT_EQ(failed->addDeviceStatus(), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_TRUE(failed->removed());
-    EXPECT_EQ(failed->start(), STATUS_NO_SUCH_DEVICE);
-    EXPECT_TRUE(minors().empty()) << "nothing was attached, so there is nothing to tear down";
 }
 
-// An AddDevice that attached its device and then failed: the PnP manager
-// tears the stack down with IRP_MN_REMOVE_DEVICE, and the driver's removal
-// handling detaches and deletes the device (else the driver could not be
-// unloaded: its device would be left).
-TEST_F(PnpTest, FailedAddDeviceHasTheStackItBuiltRemoved)
+// A failed AddDevice leaves nothing. One that attached its device first has
+// the stack it built removed with IRP_MN_REMOVE_DEVICE, and the driver's
+// removal handling detaches and deletes the device (else the driver could
+// not be unloaded: its device would be left).
+TEST_F(PnpTest, FailedAddDeviceLeavesNothing)
 {
-    f.failAfterAttach = true;
-    node_ = hk::addRootDevice(driver_);
-    EXPECT_EQ(node_->addDeviceStatus(), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_TRUE(node_->removed());
-    EXPECT_EQ(node_->top(), nullptr);
-    EXPECT_EQ(minors(), (std::vector<UCHAR>{IRP_MN_REMOVE_DEVICE}));
-    EXPECT_EQ(driver_->DeviceObject, nullptr) << "the function device was deleted";
+    struct Case {
+        bool attachFirst;
+        std::vector<UCHAR> minors;
+    } cases[] = {{false, {}}, {true, {IRP_MN_REMOVE_DEVICE}}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.attachFirst ? "failed after attaching" : "failed before making a device");
+        f.minors.clear();
+        f.addStatus = c.attachFirst ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
+        f.failAfterAttach = c.attachFirst;
+        node_ = hk::addRootDevice(driver_);
+        EXPECT_EQ(node_->addDeviceStatus(), STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_TRUE(node_->removed());
+        EXPECT_EQ(node_->top(), nullptr);
+        EXPECT_EQ(node_->start(), STATUS_NO_SUCH_DEVICE);
+        EXPECT_EQ(minors(), c.minors);
+        EXPECT_EQ(driver_->DeviceObject, nullptr);
+    }
 }
 
 // Handles on the stack hold an orderly removal off entirely: the PnP manager
