@@ -1,10 +1,13 @@
 // The whole driver through its real dispatch path, as applications and MIDI
-// clients reach it: an application's port found and played by clients, the
-// application's reads and writes, the owner's process-id query with real
-// pins, and the write path under pool failure.
+// clients reach it: an application's port found, played and recorded by
+// clients, the identity and pin names clients see, the application's parked
+// reads, the owner's process-id query with real pins, pin limits, and the
+// write path under pool failure.
 #include "adapter_fixture.h"
 
 #include <algorithm>
+
+#include "miniport/amminiport.h"
 
 namespace adaptertest {
 namespace {
@@ -13,21 +16,46 @@ using namespace std::chrono_literals;
 
 class EndToEnd : public BootedDriver {
 protected:
+    // The application, process 100, opens a port; the handle is port_.
+    hk::Process &openApp(std::u16string_view suffix = u"\\Piano")
+    {
+        hk::Process &app = process(100);
+        port_ = openPort(app, suffix);
+        EXPECT_NE(port_, 0u);
+        return app;
+    }
+
     // The owner's query; the ids the reply carries.
-    hk::IoResult queryIds(hk::Process &owner, hk::Handle h, ULONG outputLength, std::vector<std::uint64_t> *ids)
+    hk::IoResult queryIds(hk::Process &owner, ULONG outputLength, std::vector<std::uint64_t> *ids)
     {
         std::vector<std::uint64_t> reply(outputLength / 8 + 1, 0);
-        hk::IoResult r = owner.deviceControl(h, IOCTL_AMBREL_PROCESS_IDS, nullptr, 0, reply.data(), outputLength);
+        hk::IoResult r = owner.deviceControl(port_, IOCTL_AMBREL_PROCESS_IDS, nullptr, 0, reply.data(), outputLength);
         ids->assign(reply.begin(), reply.begin() + std::min<size_t>(r.information / 8, reply.size()));
         return r;
     }
+    std::vector<std::uint64_t> ids(hk::Process &owner)
+    {
+        std::vector<std::uint64_t> ids;
+        EXPECT_EQ(queryIds(owner, 128, &ids).status, STATUS_SUCCESS);
+        return ids;
+    }
+
+    Bytes readNow(hk::Process &app, ULONG length)
+    {
+        Bytes buffer(length);
+        hk::IoResult r = app.read(port_, buffer.data(), length);
+        EXPECT_EQ(r.status, STATUS_SUCCESS);
+        buffer.resize(std::min<size_t>(r.information, length));
+        return buffer;
+    }
+
+    hk::Handle port_ = 0;
 };
 
 TEST_F(EndToEnd, ApplicationAndClientsMeetThroughThePort)
 {
-    hk::Process &app = process(100);
-    hk::Handle h = openPort(app, u"\\Piano\\65536");
-    ASSERT_NE(h, 0u);
+    hk::Process &app = openApp(u"\\Piano\\65536");
+    ASSERT_NE(port_, 0u);
 
     // A client finds "Piano" among the MIDI devices with both directions.
     auto port = midi::findPort(u"Piano");
@@ -40,40 +68,133 @@ TEST_F(EndToEnd, ApplicationAndClientsMeetThroughThePort)
     ASSERT_EQ(playerFilter->synthCaps(0, &caps), STATUS_SUCCESS);
     EXPECT_EQ(narrow(reinterpret_cast<const char16_t *>(caps.Description)), "Ambrel Out: Piano");
     auto render = runningPin(*playerFilter, KSPIN_DATAFLOW_IN);
-    auto capture = runningPin(*recorderFilter, KSPIN_DATAFLOW_OUT);
-    ASSERT_TRUE(render && capture);
+    std::unique_ptr<midi::Pin> recorders[] = {runningPin(*recorderFilter, KSPIN_DATAFLOW_OUT),
+                                              runningPin(*playerFilter, KSPIN_DATAFLOW_OUT)};
+    ASSERT_TRUE(render && recorders[0] && recorders[1]);
 
-    // Each application write reaches the recorder as one time-stamped
-    // message, in order.
-    LONGLONG lastTime = 0;
-    for (const Bytes &note : {Bytes{0x90, 0x40, 0x50}, Bytes{0x80, 0x40, 0x00}}) {
-        ASSERT_EQ(app.write(h, note.data(), 3).status, STATUS_SUCCESS);
-        std::vector<midi::Message> got;
-        ASSERT_EQ(capture->receive(&got, 10s), STATUS_SUCCESS);
-        ASSERT_EQ(got.size(), 1u);
-        EXPECT_EQ(got[0].bytes, note);
-        EXPECT_GT(got[0].time, 0);
-        EXPECT_GE(got[0].time, lastTime);
-        lastTime = got[0].time;
+    // Each application write, a System Exclusive message longer than one of
+    // the framework's buffers too, reaches every recorder as one
+    // time-stamped message, in order.
+    Bytes sysex(300, 0x11);
+    sysex.front() = 0xF0;
+    sysex.back() = 0xF7;
+    LONGLONG lastTime[2] = {0, 0};
+    for (const Bytes &w : {Bytes{0x90, 0x40, 0x50}, sysex, Bytes{0x80, 0x40, 0x00}}) {
+        ASSERT_EQ(app.write(port_, w.data(), ULONG(w.size())).status, STATUS_SUCCESS);
+        for (int i = 0; i < 2; i++) {
+            std::vector<midi::Message> got;
+            ASSERT_EQ(recorders[i]->receive(&got, 10s), STATUS_SUCCESS);
+            ASSERT_EQ(got.size(), 1u);
+            EXPECT_EQ(got[0].bytes, w);
+            EXPECT_GT(got[0].time, 0);
+            EXPECT_GE(got[0].time, lastTime[i]);
+            lastTime[i] = got[0].time;
+        }
     }
 
-    // What the player sends comes out of one read as whole messages.
-    ASSERT_EQ(render->send(std::vector<Bytes>{{0x80, 0x3C, 0x00}, {0xC0, 0x05}}), STATUS_SUCCESS);
-    std::uint8_t buffer[16] = {};
-    hk::IoResult read = app.read(h, buffer, sizeof(buffer));
-    ASSERT_EQ(read.status, STATUS_SUCCESS);
-    EXPECT_EQ(Bytes(buffer, buffer + read.information), (Bytes{0x80, 0x3C, 0x00, 0xC0, 0x05}));
-
-    // The owner sees both clients' processes, in the order their pins came.
-    std::vector<std::uint64_t> ids;
-    EXPECT_EQ(queryIds(app, h, 128, &ids).status, STATUS_SUCCESS);
-    EXPECT_EQ(ids, (std::vector<std::uint64_t>{200, 300}));
+    // What the player sends comes out of one read as whole messages: running
+    // status written out, a clock byte that cut a message put before it.
+    ASSERT_EQ(render->send({{0xB0, 0x07, 0x64}, {0x08, 0x10}, {0xC0, 0xF8, 0x05}}), STATUS_SUCCESS);
+    EXPECT_EQ(readNow(app, 16), (Bytes{0xB0, 0x07, 0x64, 0xB0, 0x08, 0x10, 0xF8, 0xC0, 0x05}));
 
     // Closing the handle withdraws the port, though clients still hold it.
-    ASSERT_EQ(app.close(h), STATUS_SUCCESS);
+    ASSERT_EQ(app.close(port_), STATUS_SUCCESS);
     EXPECT_FALSE(midi::findPort(u"Piano").has_value());
-    EXPECT_EQ(render->close(), STATUS_SUCCESS);
-    EXPECT_EQ(capture->close(), STATUS_SUCCESS);
+    for (midi::Pin *pin : {render.get(), recorders[0].get(), recorders[1].get()}) {
+        EXPECT_EQ(pin->close(), STATUS_SUCCESS);
+    }
+}
+
+TEST_F(EndToEnd, IdentityAndPinNamesOutliveTheApplicationsHandle)
+{
+    hk::Process &app = openApp(u"\\Piano\\8176\\{11111111-2222-3333-0102-030405060708}");
+    ASSERT_NE(port_, 0u);
+    auto filter = filterOf(process(200), u"Piano");
+    ASSERT_TRUE(filter);
+    KSCOMPONENTID id;
+    ASSERT_EQ(filter->componentId(&id), STATUS_SUCCESS);
+    EXPECT_EQ(id.Manufacturer.Data1, 0x11111111u);
+    EXPECT_EQ(id.Product, DefaultProductGuid); // not given: the default
+
+    // Every pin is named after the port, with the size query and short
+    // buffers answered as the framework's rules say; all of it stays once
+    // the application has closed its handle.
+    const ULONG bridge[2] = {2, 0};
+    struct Row {
+        ULONG length;
+        NTSTATUS status;
+        ULONG_PTR information;
+    } rows[] = {{0, STATUS_BUFFER_OVERFLOW, 12}, {11, STATUS_BUFFER_TOO_SMALL, 0}, {12, STATUS_SUCCESS, 12},
+                {40, STATUS_SUCCESS, 12}};
+    for (bool closed : {false, true}) {
+        if (closed) {
+            ASSERT_EQ(app.close(port_), STATUS_SUCCESS);
+        }
+        for (ULONG pin = 0; pin < 5; pin++) {
+            std::u16string name;
+            EXPECT_EQ(filter->pinName(pin, &name), STATUS_SUCCESS);
+            EXPECT_EQ(name, u"Piano") << pin << (closed ? " closed" : "");
+        }
+        for (const Row &row : rows) {
+            SCOPED_TRACE(testing::Message() << row.length << (closed ? " closed" : ""));
+            Bytes out(64, 0xCC);
+            hk::IoResult r = filter->property(KSPROPSETID_Pin, KSPROPERTY_PIN_NAME, KSPROPERTY_TYPE_GET, out.data(),
+                                              row.length, bridge, sizeof(bridge));
+            EXPECT_EQ(r.status, row.status);
+            EXPECT_EQ(r.information, row.information);
+            if (row.status == STATUS_SUCCESS) {
+                EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t *>(out.data())), u"Piano");
+                EXPECT_EQ(Bytes(out.begin() + 12, out.begin() + row.length), Bytes(row.length - 12, 0));
+            }
+        }
+    }
+}
+
+TEST_F(EndToEnd, ParkedReadTakesWhatFitsAndIsLeftToItsCanceller)
+{
+    hk::Process &app = openApp();
+    ASSERT_NE(port_, 0u);
+    auto filter = filterOf(process(200), u"Piano");
+    ASSERT_TRUE(filter);
+    auto pin = runningPin(*filter, 0);
+    ASSERT_TRUE(pin);
+
+    // A 2-byte parked read gets the first two bytes; the third stays.
+    auto shortRead = app.readAsync(port_, 2);
+    ASSERT_EQ(pin->send({0x90, 0x3C, 0x40}), STATUS_SUCCESS);
+    ASSERT_TRUE(shortRead->wait(10s));
+    EXPECT_EQ(shortRead->information(), 2u);
+    EXPECT_EQ(Bytes(shortRead->output().begin(), shortRead->output().begin() + 2), (Bytes{0x90, 0x3C}));
+    EXPECT_EQ(shortRead->result().priorityBoost, IO_SOUND_INCREMENT);
+    EXPECT_EQ(readNow(app, 16), (Bytes{0x40}));
+
+    // A read whose canceller has taken its routine but not yet its slot is
+    // left alone: the data stays for the next read.
+    auto read = app.readAsync(port_, 16);
+    ASSERT_FALSE(read->wait(10ms));
+    PIRP irp = read->irp();
+    ASSERT_NE(IoSetCancelRoutine(irp, NULL), nullptr);
+    ASSERT_EQ(pin->send({0xC0, 0x05}), STATUS_SUCCESS);
+    EXPECT_FALSE(read->done());
+    CMiniportAmbrel *m = AmPortOfFile(app.fileObject(port_))->Miniport;
+    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&m->m_Lock);
+    EXPECT_EQ(m->m_Fifo.m_PendingReadIrp, irp);
+    m->m_Fifo.m_PendingReadIrp = NULL;
+    KeReleaseSpinLock(&m->m_Lock, irql);
+    irp->IoStatus.Status = STATUS_CANCELLED;
+    irp->IoStatus.Information = 0;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    ASSERT_TRUE(read->wait(10s));
+    EXPECT_EQ(readNow(app, 16), (Bytes{0xC0, 0x05}));
+
+    // Once removal has begun the parked read is finished without data.
+    auto last = app.readAsync(port_, 16);
+    InterlockedExchange(&controlDeviceRemoved, 1);
+    ASSERT_EQ(pin->send({0x80, 0x3C, 0x00}), STATUS_SUCCESS);
+    InterlockedExchange(&controlDeviceRemoved, 0);
+    ASSERT_TRUE(last->wait(10s));
+    EXPECT_EQ(last->status(), STATUS_SERVER_DISABLED);
+    EXPECT_EQ(last->information(), 0u);
 }
 
 // Which client process opens a pin of which direction, in order.
@@ -108,9 +229,8 @@ TEST_F(EndToEnd, ProcessIdQueryRows)
     };
     for (const QueryCase &c : cases) {
         SCOPED_TRACE(c.name);
-        hk::Process &app = process(100);
-        hk::Handle h = openPort(app, u"\\Piano");
-        ASSERT_NE(h, 0u);
+        hk::Process &app = openApp();
+        ASSERT_NE(port_, 0u);
         std::vector<std::unique_ptr<hk::Process>> clients;
         std::vector<std::unique_ptr<midi::Filter>> filters;
         std::vector<std::unique_ptr<midi::Pin>> pins;
@@ -130,7 +250,7 @@ TEST_F(EndToEnd, ProcessIdQueryRows)
             ASSERT_EQ(pins[i]->close(), STATUS_SUCCESS);
         }
         std::vector<std::uint64_t> ids;
-        hk::IoResult r = queryIds(app, h, c.outputLength, &ids);
+        hk::IoResult r = queryIds(app, c.outputLength, &ids);
         EXPECT_EQ(r.status, c.status);
         EXPECT_EQ(r.information, 8 * c.ids.size());
         if (NT_SUCCESS(r.status)) {
@@ -139,26 +259,23 @@ TEST_F(EndToEnd, ProcessIdQueryRows)
         pins.clear();
         filters.clear();
         clients.clear();
-        ASSERT_EQ(app.close(h), STATUS_SUCCESS);
+        ASSERT_EQ(app.close(port_), STATUS_SUCCESS);
         processes_.clear();
         hk::drainIo();
     }
 }
 
-TEST_F(EndToEnd, RefusedPinsLeaveNoEntryAndFreedSlotsAreReused)
+TEST_F(EndToEnd, PinLimitsAndTheRegistryOfRefusedAndClosedPins)
 {
-    hk::Process &app = process(100);
-    hk::Handle h = openPort(app, u"\\Piano");
-    ASSERT_NE(h, 0u);
-    hk::Process &a = process(200);
-    hk::Process &b = process(300);
-    auto filterA = filterOf(a, u"Piano");
-    auto filterB = filterOf(b, u"Piano");
+    hk::Process &app = openApp();
+    ASSERT_NE(port_, 0u);
+    auto filterA = filterOf(process(200), u"Piano");
+    auto filterB = filterOf(process(300), u"Piano");
     ASSERT_TRUE(filterA && filterB);
 
-    // Process 200 opens capture pins until the port refuses one. The refused
-    // pin passed through the registry on its way to the framework and must
-    // have left it again: the next pin takes the slot it had.
+    // Process 200 opens capture pins until the port refuses one: the ninth.
+    // The refused pin passed through the registry on its way to the framework
+    // and must have left it again: the next pin takes the slot it had.
     std::vector<std::unique_ptr<midi::Pin>> pinsA;
     NTSTATUS status = STATUS_SUCCESS;
     while (NT_SUCCESS(status) && pinsA.size() < 32) {
@@ -168,37 +285,46 @@ TEST_F(EndToEnd, RefusedPinsLeaveNoEntryAndFreedSlotsAreReused)
         }
     }
     ASSERT_FALSE(NT_SUCCESS(status));
-    ASSERT_GT(pinsA.size(), 0u);
+    ASSERT_EQ(pinsA.size(), 8u);
     hk::LogCapture log;
     auto renderB = runningPin(*filterB, KSPIN_DATAFLOW_IN);
     ASSERT_TRUE(renderB);
-    EXPECT_TRUE(log.contains("am_add_process_id (\\ambrel0) found empty slot: " + std::to_string(pinsA.size())));
+    EXPECT_TRUE(log.contains("am_add_process_id (\\ambrel0) found empty slot: 8"));
+    EXPECT_EQ(ids(app), (std::vector<std::uint64_t>{200, 300}));
 
-    std::vector<std::uint64_t> ids;
-    EXPECT_EQ(queryIds(app, h, 128, &ids).status, STATUS_SUCCESS);
-    EXPECT_EQ(ids, (std::vector<std::uint64_t>{200, 300}));
-
-    // Closing 300's only pin takes it out of the reply; a pin opened after a
-    // close of one of 200's takes that pin's slot, the lowest free one.
+    // Closing 300's only pin takes it out of the reply. A capture pin opened
+    // after a close of one of 200's takes that pin's slot, the lowest free
+    // one, and its place among the eight, and it gets the application's data.
     ASSERT_EQ(renderB->close(), STATUS_SUCCESS);
-    EXPECT_EQ(queryIds(app, h, 128, &ids).status, STATUS_SUCCESS);
-    EXPECT_EQ(ids, (std::vector<std::uint64_t>{200}));
+    EXPECT_EQ(ids(app), (std::vector<std::uint64_t>{200}));
     ASSERT_EQ(pinsA[1]->close(), STATUS_SUCCESS);
     log.clear();
     auto captureB = runningPin(*filterB, KSPIN_DATAFLOW_OUT);
     ASSERT_TRUE(captureB);
     EXPECT_TRUE(log.contains("am_add_process_id (\\ambrel0) found empty slot: 1"));
-    EXPECT_EQ(queryIds(app, h, 128, &ids).status, STATUS_SUCCESS);
-    EXPECT_EQ(ids, (std::vector<std::uint64_t>{200, 300}));
+    EXPECT_EQ(ids(app), (std::vector<std::uint64_t>{200, 300}));
+    const Bytes note = {0x80, 0x3C, 0x00};
+    ASSERT_EQ(app.write(port_, note.data(), 3).status, STATUS_SUCCESS);
+    std::vector<midi::Message> messages;
+    ASSERT_EQ(captureB->receive(&messages, 10s), STATUS_SUCCESS);
+    ASSERT_FALSE(messages.empty());
+    EXPECT_EQ(messages[0].bytes, note);
+
+    // Eight legacy render pins at most.
+    std::vector<std::unique_ptr<midi::Pin>> render;
+    for (int i = 0; i < 8; i++) {
+        render.push_back(runningPin(*filterA, 0));
+        ASSERT_TRUE(render.back()) << i;
+    }
+    EXPECT_FALSE(runningPin(*filterA, 0, &status));
+    EXPECT_FALSE(NT_SUCCESS(status));
 }
 
 TEST_F(EndToEnd, WriteFailsCleanlyAtEveryAllocation)
 {
-    hk::Process &app = process(100);
-    hk::Handle h = openPort(app, u"\\Piano");
-    ASSERT_NE(h, 0u);
-    hk::Process &client = process(200);
-    auto filter = filterOf(client, u"Piano");
+    hk::Process &app = openApp();
+    ASSERT_NE(port_, 0u);
+    auto filter = filterOf(process(200), u"Piano");
     ASSERT_TRUE(filter);
     // Two recording clients: each write is copied once per capture stream.
     auto first = runningPin(*filter, KSPIN_DATAFLOW_OUT);
@@ -214,7 +340,7 @@ TEST_F(EndToEnd, WriteFailsCleanlyAtEveryAllocation)
         const std::uint64_t before = hk::poolAllocationAttempts();
         hk::failNextPoolAllocations(skip, 1);
         hk::LogCapture log;
-        hk::IoResult r = app.write(h, note.data(), 3);
+        hk::IoResult r = app.write(port_, note.data(), 3);
         const bool injected = hk::poolAllocationAttempts() - before > skip;
         hk::clearPoolFaults();
 
