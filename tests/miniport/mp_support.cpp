@@ -138,18 +138,17 @@ PDMUS_KERNEL_EVENT FakeAllocator::chain(std::initializer_list<PDMUS_KERNEL_EVENT
 
 STDMETHODIMP_(NTSTATUS) FakeSink::PutMessage(PDMUS_KERNEL_EVENT events)
 {
-    if (record_) {
-        std::vector<CapturedEvent> list;
-        for (PDMUS_KERNEL_EVENT e = events; e != NULL; e = e->pNextEvt) {
-            bool inlineData = e->cbEvent <= sizeof(PBYTE);
-            const BYTE *data = inlineData ? e->uData.abData : e->uData.pbData;
-            list.push_back({Bytes(data, data + e->cbEvent), e->ullPresTime100ns, e->usChannelGroup, e->usFlags,
-                            inlineData});
-        }
+    std::vector<CapturedEvent> list;
+    for (PDMUS_KERNEL_EVENT e = events; e != NULL; e = e->pNextEvt) {
+        bool inlineData = e->cbEvent <= sizeof(PBYTE);
+        const BYTE *data = inlineData ? e->uData.abData : e->uData.pbData;
+        list.push_back({Bytes(data, data + e->cbEvent), e->ullPresTime100ns, e->usChannelGroup, e->usFlags,
+                        inlineData});
+    }
+    {
         std::lock_guard<std::mutex> lock(mutex_);
         lists_.push_back(std::move(list));
     }
-    received_++;
     return allocator_->PutMessage(events);
 }
 

@@ -123,8 +123,8 @@ private:
     int failMessageAt_ = -1, failBufferAt_ = -1;
 };
 
-// A capture sink: records each list it receives (or only counts, for
-// benchmarks) and gives the events back to the allocator.
+// A capture sink: records each list it receives and gives the events back
+// to the allocator.
 struct CapturedEvent {
     Bytes bytes;
     REFERENCE_TIME time;
@@ -134,7 +134,7 @@ struct CapturedEvent {
 
 class FakeSink : public IMXF {
 public:
-    explicit FakeSink(FakeAllocator *allocator, bool record = true) : allocator_(allocator), record_(record) {}
+    explicit FakeSink(FakeAllocator *allocator) : allocator_(allocator) {}
     FAKE_UNKNOWN(IID_IMXF)
     STDMETHODIMP_(NTSTATUS) SetState(KSSTATE) override { return STATUS_SUCCESS; }
     STDMETHODIMP_(NTSTATUS) PutMessage(PDMUS_KERNEL_EVENT events) override;
@@ -143,14 +143,11 @@ public:
 
     std::vector<std::vector<CapturedEvent>> lists() const;
     std::vector<Bytes> writes() const;  // each list's bytes joined
-    size_t received() const { return received_; }
 
 private:
     FakeAllocator *allocator_;
-    bool record_;
     mutable std::mutex mutex_;
     std::vector<std::vector<CapturedEvent>> lists_;
-    std::atomic<size_t> received_{0};
 };
 
 // A port record as the port table holds it (from the C++ heap here).
