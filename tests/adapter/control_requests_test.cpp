@@ -73,7 +73,7 @@ struct OpenCase {
     const char *logged; // a line that must be there, or null
 };
 
-TEST_F(ControlRequests, OpenStatusRows)
+TEST_F(ControlRequests, OpenStatusRowsAndTheSlotAClosedPortFrees)
 {
     // The name grammar itself is OpenParams' business: one refused name, and
     // the longest accepted one published whole.
@@ -88,37 +88,30 @@ TEST_F(ControlRequests, OpenStatusRows)
         {u"\\piano", STATUS_SUCCESS, "am_private_dispatch_create ----- sysexLen: 131056"},
         {u"\\Organ", STATUS_TOO_MANY_SESSIONS, "am_private_dispatch_create ----- AddPortByName failed: c00000ce"},
     };
+    std::vector<hk::Handle> opened;
     for (const OpenCase &c : cases) {
         hk::LogCapture log;
         NTSTATUS status;
-        openPort(app(), c.suffix, &status);
+        hk::Handle h = openPort(app(), c.suffix, &status);
         EXPECT_EQ(status, c.status) << narrow(c.suffix).substr(0, 20);
         if (c.logged != nullptr) {
             EXPECT_TRUE(log.contains(c.logged)) << c.logged;
         }
+        if (h != 0) {
+            opened.push_back(h);
+        }
     }
     EXPECT_EQ(interfacesNamed(kCategoryAudio, name254).size(), 1u);
-}
 
-TEST_F(ControlRequests, ClosingFreesTheNameAndTheSlot)
-{
-    hk::Handle a = openPort(app(), u"\\A");
-    hk::Handle b = openPort(app(), u"\\B");
-    hk::Handle c = openPort(app(), u"\\C");
-    ASSERT_TRUE(a && b && c);
-    NTSTATUS status;
-    EXPECT_EQ(openPort(app(), u"\\D", &status), 0u);
-    EXPECT_EQ(status, STATUS_TOO_MANY_SESSIONS);
-
+    // Closing "Piano" frees its name and its slot, the lowest free one: the
+    // next port takes its reference string.
+    ASSERT_EQ(opened.size(), 3u);
     hk::LogCapture log;
-    ASSERT_EQ(app().close(b), STATUS_SUCCESS);
+    ASSERT_EQ(app().close(opened[1]), STATUS_SUCCESS);
     EXPECT_TRUE(log.contains("am_private_dispatch_close +++++ succeeded"));
-    EXPECT_TRUE(interfacesNamed(kCategoryAudio, u"B").empty());
-    // The freed slot is the lowest one: the new port takes its reference string.
-    hk::Handle b2 = openPort(app(), u"\\B", &status);
-    EXPECT_EQ(status, STATUS_SUCCESS);
+    EXPECT_TRUE(interfacesNamed(kCategoryAudio, u"Piano").empty());
+    EXPECT_NE(openPort(app(), u"\\Organ"), 0u);
     EXPECT_TRUE(log.contains("AddPortDevice ***** Portname is: ambrel1 (14)"));
-    EXPECT_NE(b2, 0u);
 }
 
 struct DirectionCase {
@@ -255,22 +248,6 @@ TEST_F(ControlRequests, ParkedReadIsBusyCancellableAndFinishedByCleanup)
     EXPECT_TRUE(interfacesNamed(kCategoryAudio, u"Piano").empty());
 }
 
-TEST_F(ControlRequests, ReadsAndWritesWithoutAUsableBufferAreRefused)
-{
-    hk::Handle h = openPort(app(), u"\\Piano");
-    ASSERT_NE(h, 0u);
-    UCHAR buffer[8] = {0x90, 0x3C, 0x40};
-    EXPECT_EQ(app().read(h, buffer, 0).status, STATUS_INSUFFICIENT_RESOURCES);
-    for (const char *major : {"read", "write"}) {
-        hk::injectIoFault(hk::IoFault::MapMdl);
-        hk::LogCapture log;
-        hk::IoResult r = major[0] == 'w' ? app().write(h, buffer, 3) : app().read(h, buffer, sizeof(buffer));
-        hk::clearIoFaults();
-        EXPECT_EQ(r.status, STATUS_INSUFFICIENT_RESOURCES) << major;
-        EXPECT_TRUE(log.contains(std::string("am_private_dispatch_") + major + " ----- MmGetSystemAddressForMdlSafe failed"));
-    }
-}
-
 TEST_F(ControlRequests, ProcessExitCancelsItsParkedRead)
 {
     hk::Process *owner = &process(300);
@@ -285,34 +262,47 @@ TEST_F(ControlRequests, ProcessExitCancelsItsParkedRead)
     EXPECT_TRUE(interfacesNamed(kCategoryAudio, u"Piano").empty());
 }
 
-// ------------------------------------------------------------------ write
+// ------------------------------------------------------------------ transfers
 
-struct WriteCase {
+struct TransferCase {
+    bool write;
     ULONG length;
+    bool mappingFails;
     NTSTATUS status;
     CCHAR boost;
     const char *logged;
 };
 
-TEST_F(ControlRequests, WriteStatusRows)
+TEST_F(ControlRequests, ReadAndWriteStatusRows)
 {
     hk::Handle h = openPort(app(), u"\\Piano");
     ASSERT_NE(h, 0u);
-    const WriteCase cases[] = {
-        {0, STATUS_INSUFFICIENT_RESOURCES, IO_NO_INCREMENT, "am_private_dispatch_write ----- Irp->MdlAddress was NULL"},
-        {3, STATUS_SUCCESS, IO_SOUND_INCREMENT, "am_private_dispatch_write +++++ succeeded: 3"},
-        {524288, STATUS_SUCCESS, IO_SOUND_INCREMENT, "am_private_dispatch_write +++++ succeeded: 524288"},
-        {524289, STATUS_TOO_MANY_COMMANDS, IO_NO_INCREMENT,
+    const NTSTATUS resources = STATUS_INSUFFICIENT_RESOURCES;
+    const CCHAR none = IO_NO_INCREMENT, sound = IO_SOUND_INCREMENT;
+    const TransferCase cases[] = {
+        // A transfer of zero bytes comes without a buffer description.
+        {false, 0, false, resources, none, "am_private_dispatch_read ***** no irp yet"},
+        {false, 8, true, resources, none, "am_private_dispatch_read ----- MmGetSystemAddressForMdlSafe failed"},
+        {true, 0, false, resources, none, "am_private_dispatch_write ----- Irp->MdlAddress was NULL"},
+        {true, 3, true, resources, none, "am_private_dispatch_write ----- MmGetSystemAddressForMdlSafe failed"},
+        {true, 3, false, STATUS_SUCCESS, sound, "am_private_dispatch_write +++++ succeeded: 3"},
+        {true, 524288, false, STATUS_SUCCESS, sound, "am_private_dispatch_write +++++ succeeded: 524288"},
+        {true, 524289, false, STATUS_TOO_MANY_COMMANDS, none,
          "am_private_dispatch_write ----- too much data for fifo: 524289 (524288)"},
     };
     std::vector<UCHAR> data(524289, 0xF8); // timing clocks: valid MIDI of any length
-    for (const WriteCase &c : cases) {
+    for (const TransferCase &c : cases) {
+        SCOPED_TRACE(c.logged);
+        if (c.mappingFails) {
+            hk::injectIoFault(hk::IoFault::MapMdl);
+        }
         hk::LogCapture log;
-        hk::IoResult r = app().write(h, data.data(), c.length);
-        EXPECT_EQ(r.status, c.status) << c.length;
-        EXPECT_EQ(r.information, 0u) << c.length;
-        EXPECT_EQ(r.priorityBoost, c.boost) << c.length;
-        EXPECT_TRUE(log.contains(c.logged)) << c.logged;
+        hk::IoResult r = c.write ? app().write(h, data.data(), c.length) : app().read(h, data.data(), c.length);
+        hk::clearIoFaults();
+        EXPECT_EQ(r.status, c.status);
+        EXPECT_EQ(r.information, 0u);
+        EXPECT_EQ(r.priorityBoost, c.boost);
+        EXPECT_TRUE(log.contains(c.logged));
     }
 }
 

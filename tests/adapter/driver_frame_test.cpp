@@ -154,36 +154,28 @@ TEST_F(DriverEntryTest, ServiceKeyEndingInBackslashGetsNoSecondOne)
 
 using AdapterBoot = DriverFixture;
 
-TEST_F(AdapterBoot, AddDeviceCreatesTheControlDeviceAndItsLink)
+TEST_F(AdapterBoot, AddDeviceCreatesTheControlDeviceAndItsLinkReplacingAStaleOne)
 {
-    hk::LogCapture log;
-    boot();
-    ASSERT_FALSE(HasFatalFailure());
-    EXPECT_TRUE(hk::objectExists(kControlDevice));
-    auto target = hk::symbolicLinkTarget(kControlLink);
-    ASSERT_TRUE(target.has_value());
-    EXPECT_EQ(narrow(*target), narrow(kControlDevice));
-    EXPECT_TRUE(logHasLine(log, "DriverEntry +++++ succeeded"));
-    EXPECT_TRUE(logHasLine(log, "AddDevice ***** PcAddAdapterDevice succeeded()"));
-    EXPECT_TRUE(logHasLine(log, "AddDevice +++++ succeeded"));
-    EXPECT_TRUE(logHasLine(log, "StartDevice +++++ succeeded"));
-
-    hk::Process &app = process(100);
-    EXPECT_NE(openPort(app, u"\\Piano"), 0u);
-}
-
-TEST_F(AdapterBoot, StaleLinkIsDeletedAndMadeAgain)
-{
-    ASSERT_EQ(hk::createSymbolicLink(kControlLink, u"\\Device\\Gone"), STATUS_SUCCESS);
-    hk::LogCapture log;
-    boot();
-    ASSERT_FALSE(HasFatalFailure());
-    EXPECT_TRUE(log.contains("AddDevice ----- IoCreateSymbolicLink failed: "));
-    EXPECT_TRUE(log.contains("... trying to delete it..."));
-    EXPECT_FALSE(log.contains("failed again"));
-    EXPECT_EQ(narrow(hk::symbolicLinkTarget(kControlLink).value_or(u"")), narrow(kControlDevice));
-    hk::Process &app = process(100);
-    EXPECT_NE(openPort(app, u"\\Piano"), 0u);
+    for (bool stale : {false, true}) {
+        SCOPED_TRACE(stale ? "stale link" : "no link");
+        if (stale) {
+            ASSERT_EQ(hk::createSymbolicLink(kControlLink, u"\\Device\\Gone"), STATUS_SUCCESS);
+        }
+        hk::LogCapture log;
+        boot();
+        ASSERT_FALSE(HasFatalFailure());
+        EXPECT_TRUE(hk::objectExists(kControlDevice));
+        EXPECT_EQ(narrow(hk::symbolicLinkTarget(kControlLink).value_or(u"")), narrow(kControlDevice));
+        EXPECT_EQ(log.contains("AddDevice ----- IoCreateSymbolicLink failed: "), stale);
+        EXPECT_EQ(log.contains("... trying to delete it..."), stale);
+        EXPECT_FALSE(log.contains("failed again"));
+        for (const char *step : {"DriverEntry +++++ succeeded", "AddDevice ***** PcAddAdapterDevice succeeded()",
+                                 "AddDevice +++++ succeeded", "StartDevice +++++ succeeded"}) {
+            EXPECT_TRUE(logHasLine(log, step)) << step;
+        }
+        EXPECT_NE(openPort(process(100), u"\\Piano"), 0u);
+        shutdown();
+    }
 }
 
 using AdapterDeviceTest = BootedDriver;
