@@ -42,6 +42,7 @@ TEST(OpenParams, FileNamesGiveNameSizeAndGuids)
         std::u16string name;
         ULONG sysex;
         GUID manufacturer, product;
+        ULONG driverDefault = AM_SYSEX_SIZE_DEFAULT;
     } cases[] = {
         {u"\\Piano", u"Piano", 131056, dm, dp},
         {u"\\Piano\\", u"Piano", 131056, dm, dp},
@@ -61,13 +62,17 @@ TEST(OpenParams, FileNamesGiveNameSizeAndGuids)
         {u"\\Piano\\abc", u"Piano", 131056, dm, dp},
         {u"\\Piano\\ 9000x", u"Piano", 9000, dm, dp},
         {u"\\Piano\\-1", u"Piano", 1048560, dm, dp},
+        // A missing or unconvertible size is the driver's default, not a constant.
+        {u"\\Piano", u"Piano", 65536, dm, dp, 65536},
+        {u"\\Piano\\x", u"Piano", 8176, dm, dp, 8176},
+        {u"\\Piano\\20000", u"Piano", 20000, dm, dp, 65536},
         // A bad GUID falls back alone; the other fields still count.
         {u"\\Piano\\9000\\0A1B2C3D-4E5F-4A6B-8C7D-9E0F1A2B3C4D\\" PRODUCT, u"Piano", 9000, dm, kProduct},
         {u"\\Piano\\9000\\" MANUFACTURER u"\\{5E6F7A8B-9C0D-4E1F-A2B3-C4D5E6F7A8B}", u"Piano", 9000, kManufacturer, dp},
         {u"\\Piano\\9000\\{0a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d}", u"Piano", 9000, kManufacturer, dp},
     };
     for (const auto &c : cases) {
-        Opened o = open(c.fileName);
+        Opened o = open(c.fileName, 0x3, c.driverDefault);
         SCOPED_TRACE(std::string(c.fileName.begin(), c.fileName.end()));
         EXPECT_EQ(STATUS_SUCCESS, o.status);
         EXPECT_EQ(c.name, o.name);
@@ -121,13 +126,6 @@ TEST(OpenParams, AccessChoosesTheDirectionAndNoneMeansBoth)
     for (const auto &c : cases) {
         EXPECT_EQ(c.flags, open(u"\\Piano", c.access).params.flags) << std::hex << c.access;
     }
-}
-
-TEST(OpenParams, MissingSizeTakesTheDriverDefault)
-{
-    EXPECT_EQ(65536u, open(u"\\Piano", 0, 65536).params.sysexLen);
-    EXPECT_EQ(8176u, open(u"\\Piano\\x", 0, 8176).params.sysexLen);
-    EXPECT_EQ(20000u, open(u"\\Piano\\20000", 0, 65536).params.sysexLen);
 }
 
 TEST(OpenParams, LogsEachFieldAndEachFallback)
