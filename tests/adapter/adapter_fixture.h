@@ -82,23 +82,16 @@ protected:
         ASSERT_EQ(status, STATUS_SUCCESS);
     }
 
-    void addAdapter()
-    {
-        node_ = hk::addRootDevice(driver_);
-        ASSERT_NE(node_, nullptr);
-        ASSERT_EQ(node_->addDeviceStatus(), STATUS_SUCCESS);
-    }
-
+    // Loads the driver, adds one adapter and starts it.
     void boot()
     {
         load();
         if (HasFatalFailure()) {
             return;
         }
-        addAdapter();
-        if (HasFatalFailure()) {
-            return;
-        }
+        node_ = hk::addRootDevice(driver_);
+        ASSERT_NE(node_, nullptr);
+        ASSERT_EQ(node_->addDeviceStatus(), STATUS_SUCCESS);
         ASSERT_EQ(node_->start(), STATUS_SUCCESS);
     }
 

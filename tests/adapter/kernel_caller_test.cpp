@@ -104,20 +104,6 @@ protected:
     std::unique_ptr<midi::Pin> render_;
 };
 
-const char *entryFormat(UCHAR major)
-{
-    switch (major) {
-    case IRP_MJ_CREATE:
-        return "am_private_dispatch_create (%x)";
-    case IRP_MJ_CLOSE:
-        return "am_private_dispatch_close (%x)";
-    case IRP_MJ_READ:
-        return "am_private_dispatch_read (%x)";
-    default:
-        return "am_private_dispatch_write (%x)";
-    }
-}
-
 TEST_F(KernelCaller, RowsOnlyAKernelCallerCanReach)
 {
     const Row rows[] = {
@@ -163,7 +149,9 @@ TEST_F(KernelCaller, RowsOnlyAKernelCallerCanReach)
         EXPECT_EQ(result->dispatchStatus, row.status);
         EXPECT_EQ(result->information, 0u);
         EXPECT_EQ(result->priorityBoost, IO_NO_INCREMENT);
-        std::vector<std::string> expected = {adapterLine(entryFormat(row.major), AM_PTR32(control_))};
+        static const char *const handler[] = {"create", nullptr, "close", "read", "write"}; // by major
+        std::string entry = std::string("am_private_dispatch_") + handler[row.major] + " (%x)";
+        std::vector<std::string> expected = {adapterLine(entry.c_str(), AM_PTR32(control_))};
         for (const char *line : row.lines) {
             expected.push_back(adapterLine(line, stackLocation));
         }
