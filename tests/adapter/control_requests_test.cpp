@@ -37,7 +37,7 @@ TEST_F(ControlRequests, UnsupportedMajorsAreRefusedOnTheControlDeviceOnly)
 
     // The same kind of request on the port's filter (the adapter device)
     // reaches the framework.
-    auto audio = interfacesNamed(kCategoryAudio, u"Piano");
+    auto audio = interfacesNamed(KSCATEGORY_AUDIO, u"Piano");
     ASSERT_EQ(audio.size(), 1u);
     hk::Process &client = process(200);
     hk::Handle filter = 0;
@@ -101,7 +101,7 @@ TEST_F(ControlRequests, OpenStatusRowsAndTheSlotAClosedPortFrees)
             opened.push_back(h);
         }
     }
-    EXPECT_EQ(interfacesNamed(kCategoryAudio, name254).size(), 1u);
+    EXPECT_EQ(interfacesNamed(KSCATEGORY_AUDIO, name254).size(), 1u);
 
     // Closing "Piano" frees its name and its slot, the lowest free one: the
     // next port takes its reference string.
@@ -109,7 +109,7 @@ TEST_F(ControlRequests, OpenStatusRowsAndTheSlotAClosedPortFrees)
     hk::LogCapture log;
     ASSERT_EQ(app().close(opened[1]), STATUS_SUCCESS);
     EXPECT_TRUE(log.contains("am_private_dispatch_close +++++ succeeded"));
-    EXPECT_TRUE(interfacesNamed(kCategoryAudio, u"Piano").empty());
+    EXPECT_TRUE(interfacesNamed(KSCATEGORY_AUDIO, u"Piano").empty());
     EXPECT_NE(openPort(app(), u"\\Organ"), 0u);
     EXPECT_TRUE(log.contains("AddPortDevice ***** Portname is: ambrel1 (14)"));
 }
@@ -131,9 +131,9 @@ TEST_F(ControlRequests, AccessChoosesTheDirections)
         hk::LogCapture log;
         hk::Handle h = openPort(app(), u"\\" + name, nullptr, c.access);
         ASSERT_NE(h, 0u);
-        EXPECT_EQ(interfacesNamed(kCategoryAudio, name).size(), 1u);
-        EXPECT_EQ(interfacesNamed(kCategoryCapture, name).size(), c.capture ? 1u : 0u);
-        EXPECT_EQ(interfacesNamed(kCategoryRender, name).size(), c.render ? 1u : 0u);
+        EXPECT_EQ(interfacesNamed(KSCATEGORY_AUDIO, name).size(), 1u);
+        EXPECT_EQ(interfacesNamed(KSCATEGORY_CAPTURE, name).size(), c.capture ? 1u : 0u);
+        EXPECT_EQ(interfacesNamed(KSCATEGORY_RENDER, name).size(), c.render ? 1u : 0u);
         EXPECT_EQ(log.contains("AddPortDevice ----- no capture instantiated"), !c.capture);
         EXPECT_EQ(log.contains("AddPortDevice ----- no render instantiated"), !c.render);
         ASSERT_EQ(app().close(h), STATUS_SUCCESS);
@@ -144,7 +144,7 @@ TEST_F(ControlRequests, PublicationWritesTheNamesClientsShow)
 {
     hk::Handle h = openPort(app(), u"\\Piano");
     ASSERT_NE(h, 0u);
-    for (const GUID *category : {&kCategoryAudio, &kCategoryCapture, &kCategoryRender}) {
+    for (const GUID *category : {&KSCATEGORY_AUDIO, &KSCATEGORY_CAPTURE, &KSCATEGORY_RENDER}) {
         auto found = interfacesNamed(*category, u"Piano");
         ASSERT_EQ(found.size(), 1u);
         EXPECT_EQ(narrow(found[0].referenceString), "ambrel0");
@@ -245,7 +245,7 @@ TEST_F(ControlRequests, ParkedReadIsBusyCancellableAndFinishedByCleanup)
     EXPECT_EQ(third->result().priorityBoost, IO_NO_INCREMENT);
     EXPECT_TRUE(log.contains("am_private_dispatch_cleanup ***** completing irp"));
     hk::drainIo();
-    EXPECT_TRUE(interfacesNamed(kCategoryAudio, u"Piano").empty());
+    EXPECT_TRUE(interfacesNamed(KSCATEGORY_AUDIO, u"Piano").empty());
 }
 
 TEST_F(ControlRequests, ProcessExitCancelsItsParkedRead)
@@ -259,7 +259,7 @@ TEST_F(ControlRequests, ProcessExitCancelsItsParkedRead)
     ASSERT_TRUE(read->wait(std::chrono::seconds(10)));
     EXPECT_TRUE(read->status() == STATUS_CANCELLED || read->status() == STATUS_SERVER_DISABLED);
     hk::drainIo();
-    EXPECT_TRUE(interfacesNamed(kCategoryAudio, u"Piano").empty());
+    EXPECT_TRUE(interfacesNamed(KSCATEGORY_AUDIO, u"Piano").empty());
 }
 
 // ------------------------------------------------------------------ transfers

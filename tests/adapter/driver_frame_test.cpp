@@ -3,24 +3,17 @@
 // namespace, the debug log, and what opens can do afterwards.
 #include "adapter_fixture.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace adaptertest {
 namespace {
 
-std::string line(const std::string &message)
-{
-    return "Ambrel:Adapter: " + message;
-}
-
+// The adapter logged exactly this line.
 bool logHasLine(const hk::LogCapture &log, const std::string &message)
 {
-    for (const std::string &l : log.lines()) {
-        if (l == line(message)) {
-            return true;
-        }
-    }
-    return false;
+    auto lines = log.lines();
+    return std::find(lines.begin(), lines.end(), "Ambrel:Adapter: " + message) != lines.end();
 }
 
 // ------------------------------------------------------------------ settings
@@ -196,7 +189,7 @@ TEST_F(AdapterDeviceTest, StopAndRestartKeepsServingPorts)
     hk::Process &app = process(100);
     hk::Handle h = openPort(app, u"\\Piano");
     ASSERT_NE(h, 0u);
-    EXPECT_EQ(interfacesNamed(kCategoryAudio, u"Piano").size(), 1u);
+    EXPECT_EQ(interfacesNamed(KSCATEGORY_AUDIO, u"Piano").size(), 1u);
 }
 
 TEST_F(AdapterDeviceTest, PnpMinorsAreNamedAndPassedOn)
@@ -234,7 +227,7 @@ TEST_F(RemovalTest, WithdrawsEveryPortFinishesParkedReadsAndRefusesStaleHandles)
     for (auto &r : reads) {
         EXPECT_FALSE(r->done());
     }
-    ASSERT_EQ(interfacesNamed(kCategoryAudio, u"Two").size(), 1u);
+    ASSERT_EQ(interfacesNamed(KSCATEGORY_AUDIO, u"Two").size(), 1u);
 
     hk::LogCapture log;
     EXPECT_EQ(node_->remove(), STATUS_SUCCESS);
@@ -247,7 +240,7 @@ TEST_F(RemovalTest, WithdrawsEveryPortFinishesParkedReadsAndRefusesStaleHandles)
     EXPECT_EQ(log.count("am_private_dispatch_remove ***** removing port: "), 3u);
     EXPECT_TRUE(logHasLine(log, "am_private_dispatch_remove +++++ succeeded"));
     EXPECT_FALSE(hk::symbolicLinkTarget(kControlLink).has_value());
-    EXPECT_TRUE(interfacesNamed(kCategoryAudio, u"Two").empty());
+    EXPECT_TRUE(interfacesNamed(KSCATEGORY_AUDIO, u"Two").empty());
 
     // The application still holds its handles: nothing on them reaches the
     // framework or the freed records.
@@ -289,7 +282,7 @@ TEST_F(RemovalTest, ANewAdapterInTheSameLoadServesPortsWhileOldHandlesStayRefuse
     EXPECT_EQ(app.write(old, note, 3).status, STATUS_DELETE_PENDING);
     EXPECT_EQ(app.close(old), STATUS_SUCCESS);
     EXPECT_EQ(app.close(fresh), STATUS_SUCCESS);
-    EXPECT_TRUE(interfacesNamed(kCategoryAudio, u"Old").empty());
+    EXPECT_TRUE(interfacesNamed(KSCATEGORY_AUDIO, u"Old").empty());
 }
 
 } // namespace

@@ -51,7 +51,7 @@ TEST_F(FaultSweep, OpenPathFailsCleanlyAtEveryAllocation)
             EXPECT_TRUE(log.contains("am_private_dispatch_create ----- AddPortByName failed: c000009a") ||
                         log.contains("am_private_dispatch_create ----- AddPortDevice failed: "))
                 << "allocation " << skip;
-            EXPECT_TRUE(interfacesNamed(kCategoryAudio, u"Piano").empty()) << "allocation " << skip;
+            EXPECT_TRUE(interfacesNamed(KSCATEGORY_AUDIO, u"Piano").empty()) << "allocation " << skip;
         }
         hk::drainIo();
         EXPECT_EQ(hk::poolLiveAllocations(), baseline) << "allocation " << skip;
