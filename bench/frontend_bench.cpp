@@ -127,6 +127,25 @@ void stopChild(pid_t child)
     }
 }
 
+// A server is asked to go (SIGTERM), and made to go if it has not within
+// five seconds: jackd on the dummy backend has been seen to hang in its own
+// shutdown, and a benchmark must not wait on it for ever.
+void stopServer(pid_t server)
+{
+    if (server <= 0) {
+        return;
+    }
+    kill(server, SIGTERM);
+    for (int waited = 0; waited < 500; waited++) {
+        if (waitpid(server, nullptr, WNOHANG) == server) {
+            return;
+        }
+        usleep(10000);
+    }
+    std::fprintf(stderr, "process %d did not end on SIGTERM within 5 s; killed\n", int(server));
+    stopChild(server);
+}
+
 // A transport: a receiver process and a way for this process to send.
 struct Transport {
     virtual ~Transport() = default;
@@ -413,10 +432,7 @@ struct JackTransport : Transport {
             sender.ring = nullptr;
         }
         stopChild(child);
-        if (server > 0) {
-            kill(server, SIGTERM);
-            waitpid(server, nullptr, 0);
-        }
+        stopServer(server);
     }
 };
 
@@ -497,10 +513,7 @@ struct AmbrelTransport : Transport {
             close(fd);
             fd = -1;
         }
-        if (daemon > 0) {
-            kill(daemon, SIGTERM);
-            waitpid(daemon, nullptr, 0);
-        }
+        stopServer(daemon);
         rmdir(mount);
     }
 };
