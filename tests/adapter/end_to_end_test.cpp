@@ -150,6 +150,29 @@ TEST_F(EndToEnd, IdentityAndPinNamesOutliveTheApplicationsHandle)
     }
 }
 
+// A port's device path names its slot ("ambrel0"), and the next port takes
+// a freed slot: a path found for one name and opened after that port closed
+// reaches the port in its slot now. The pin name says which one it is.
+TEST_F(EndToEnd, APathOutlivingItsPortReachesTheSlotsNextPort)
+{
+    hk::Process &app = process(100);
+    hk::Handle first = openPort(app, u"\\Piano");
+    auto piano = midi::findPort(u"Piano");
+    ASSERT_TRUE(piano.has_value());
+    ASSERT_EQ(app.close(first), STATUS_SUCCESS);
+    hk::Handle second = openPort(app, u"\\Organ");
+    ASSERT_NE(second, 0u);
+    ASSERT_FALSE(midi::findPort(u"Piano").has_value());
+
+    std::unique_ptr<midi::Filter> filter;
+    ASSERT_EQ(midi::Filter::open(process(200), piano->path, &filter), STATUS_SUCCESS);
+    std::u16string name;
+    ASSERT_EQ(filter->pinName(0, &name), STATUS_SUCCESS);
+    EXPECT_EQ(name, u"Organ");
+    filter.reset();
+    EXPECT_EQ(app.close(second), STATUS_SUCCESS);
+}
+
 TEST_F(EndToEnd, ParkedReadTakesWhatFitsAndIsLeftToItsCanceller)
 {
     hk::Process &app = openApp();

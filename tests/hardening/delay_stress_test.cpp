@@ -82,6 +82,7 @@ struct Round {
     Findings findings;
     std::atomic<size_t> requests{0};
     std::atomic<size_t> echoed{0};
+    std::atomic<bool> echoPublished{false};
 
     // After the removal began, a control request may be refused or find the
     // link gone.
@@ -181,11 +182,20 @@ void client(Round &r, hk::Process &process, unsigned seed)
 
 // The echo pair: a player sends numbered notes to "Echo" and its owner reads
 // them back in random-sized reads; every byte must come in order.
+//
+// Echo is published before anyone else starts. A port's device path names
+// its slot, and a slot freed by one port is reused by the next: a client
+// that looked up "A" and opened the path after A closed reaches whichever
+// port holds the slot now. That is how names and paths work (a program must
+// check what it opened), and the other ports' clients tolerate it; a slot
+// nobody held before Echo keeps their notes out of the echo.
 void echo(Round &r, hk::Process &app, hk::Process &player, unsigned seed)
 {
     std::mt19937 random(seed);
     hk::Handle h = 0;
-    if (app.open(u"\\DosDevices\\Ambrel\\Echo", kReadWrite, &h) != STATUS_SUCCESS) {
+    NTSTATUS opened = app.open(u"\\DosDevices\\Ambrel\\Echo", kReadWrite, &h);
+    r.echoPublished = true;
+    if (opened != STATUS_SUCCESS) {
         r.findings.add("the echo port did not open");
         return;
     }
@@ -219,8 +229,9 @@ void echo(Round &r, hk::Process &app, hk::Process &player, unsigned seed)
         }
         while (pending.size() >= 3) {
             if (pending[0] != 0x90 || pending[1] != (expected & 0x7F) || pending[2] != 1) {
-                r.findings.add("echo out of order: expected note " + std::to_string(expected & 0x7F) + ", got " +
-                               std::to_string(pending[1]));
+                r.findings.add("echo out of order: expected 144 " + std::to_string(expected & 0x7F) + " 1, got " +
+                               std::to_string(pending[0]) + " " + std::to_string(pending[1]) + " " +
+                               std::to_string(pending[2]));
                 r.stopClients = true;
                 break;
             }
@@ -263,11 +274,14 @@ TEST(DelayStress, WholeDriverUnderInjectedDelays)
             }
             hk::DelayInjectionScope delays({seed + rounds, delayPerMille / 1000.0, 150});
             std::vector<std::thread> owners, clients;
+            clients.emplace_back([&] { echo(r, *processes[5], *processes[6], unsigned(seed + rounds)); });
+            for (auto wait = Clock::now() + 10s; !r.echoPublished.load() && Clock::now() < wait;) {
+                std::this_thread::sleep_for(1ms);
+            }
             owners.emplace_back([&] { owner(r, *processes[0], unsigned(seed + rounds) * 3 + 0); });
             owners.emplace_back([&] { owner(r, *processes[1], unsigned(seed + rounds) * 3 + 1); });
             clients.emplace_back([&] { client(r, *processes[3], unsigned(seed + rounds) * 5 + 0); });
             clients.emplace_back([&] { client(r, *processes[4], unsigned(seed + rounds) * 5 + 1); });
-            clients.emplace_back([&] { echo(r, *processes[5], *processes[6], unsigned(seed + rounds)); });
             std::this_thread::sleep_for(300ms);
             // The echo pair must have made progress before anyone leaves. On a
             // loaded machine (sanitizers, a soak at low priority) opening its
