@@ -63,6 +63,14 @@ public:
         if (!NT_SUCCESS(status)) {
             return status;
         }
+        // The path names the port's slot, and the next port takes a freed
+        // slot: a filter whose pins carry another name is that next port's.
+        std::u16string name;
+        if (!NT_SUCCESS(filter_->pinName(0, &name)) || name != port.name) {
+            filter_->close();
+            filter_.reset();
+            return STATUS_OBJECT_NAME_NOT_FOUND;
+        }
         status = STATUS_NOT_FOUND;
         // The first pin kind with room: each kind has its own instance limit.
         for (const GUID *format : formats) {

@@ -1,5 +1,6 @@
-// ambreld's parts that need no mount: its settings file and the UTF-8 /
-// UTF-16 conversion that every name passes through.
+// ambreld's parts that need no mount: its settings file, the UTF-8 /
+// UTF-16 conversion that every name passes through, and its pin opening
+// against the driver booted in this process.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -8,7 +9,13 @@
 #include <fstream>
 #include <string>
 
+#include <hostkernel/io.h>
+#include <hostkernel/pnp.h>
+
+#include "adapter/amadapter.h"
 #include "daemon.h"
+#include "pins.h"
+#include "ports.h"
 #include "text.h"
 
 namespace {
@@ -97,6 +104,42 @@ TEST(AmbreldText, NamesConvertBothWaysAndMalformedUtf8IsRefused)
         EXPECT_EQ(out, u"unchanged");
     }
     EXPECT_EQ(ambreld::utf16ToUtf8(std::u16string(1, char16_t(0xD800))), "\xEF\xBF\xBD");
+}
+
+// A port's directory looked up before its port closed leads to the slot's
+// next port; the daemon must not play into that one under the old name.
+TEST(AmbreldPins, AViewOutlivingItsPortOpensNothing)
+{
+    namespace hk = hostkernel;
+    NTSTATUS status = STATUS_UNSUCCESSFUL;
+    PDRIVER_OBJECT driver = hk::loadDriver(u"ambrel", DriverEntry, &status);
+    ASSERT_NE(driver, nullptr);
+    auto node = hk::addRootDevice(driver);
+    ASSERT_EQ(node->start(), STATUS_SUCCESS);
+    {
+        auto owner = std::make_shared<hk::Process>(100);
+        auto client = std::make_shared<hk::Process>(200);
+        const ACCESS_MASK readWrite = FILE_GENERIC_READ | FILE_GENERIC_WRITE;
+        hk::Handle piano = 0, organ = 0;
+        ASSERT_EQ(owner->open(u"\\DosDevices\\Ambrel\\Piano", readWrite, &piano), STATUS_SUCCESS);
+        ambreld::PortView view;
+        ASSERT_TRUE(ambreld::findPortByDirName("Piano", &view));
+        std::unique_ptr<ambreld::PinFile> pin;
+        ASSERT_EQ(ambreld::PinFile::open(client, view, true, &pin), STATUS_SUCCESS);
+        pin->close();
+        pin.reset();
+
+        ASSERT_EQ(owner->close(piano), STATUS_SUCCESS);
+        ASSERT_EQ(owner->open(u"\\DosDevices\\Ambrel\\Organ", readWrite, &organ), STATUS_SUCCESS);
+        for (bool render : {true, false}) {
+            EXPECT_EQ(ambreld::PinFile::open(client, view, render, &pin), STATUS_OBJECT_NAME_NOT_FOUND);
+            EXPECT_EQ(pin, nullptr);
+        }
+        EXPECT_EQ(owner->close(organ), STATUS_SUCCESS);
+    }
+    EXPECT_EQ(node->remove(), STATUS_SUCCESS);
+    node.reset();
+    EXPECT_EQ(hk::unloadDriver(driver), STATUS_SUCCESS);
 }
 
 } // namespace
