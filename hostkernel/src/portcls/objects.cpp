@@ -89,7 +89,8 @@ std::string Object::history() const
         text += std::string("\n  ") + (step.op == '+' ? "AddRef" : "Release") + " -> " + std::to_string(step.count) +
                 " on thread " + std::to_string(step.thread) + ":";
         char **names = backtrace_symbols(step.frames, step.depth);
-        // The first frame is record() itself, the second addRef/release.
+        // The first frame is record() itself, the second addRef, release or
+        // the constructor.
         for (int f = 2; names != nullptr && f < step.depth; f++) {
             text += std::string("\n      ") + names[f];
         }
@@ -119,8 +120,9 @@ ULONG Object::release()
     // decrement and any later look at it, and the quarantine keeps a dead
     // object's count, so a release too many always goes below zero.
     if (count < 0) {
-        reportViolation(Rule::ObjectDoubleRelease, std::string("Release of a framework object whose last reference is gone (") +
-                                                       kind_ + ")" + history());
+        reportViolation(Rule::ObjectDoubleRelease,
+                        std::string("Release of a framework object whose last reference is gone (") + kind_ + ")" +
+                            history());
     }
     if (count > 0) {
         return ULONG(count);
