@@ -196,6 +196,25 @@ typedef struct _KDEVICE_QUEUE {
     BOOLEAN Busy;
 } KDEVICE_QUEUE;
 
+typedef struct _KDEVICE_QUEUE_ENTRY {
+    LIST_ENTRY DeviceListEntry;
+    ULONG SortKey;
+    BOOLEAN Inserted;
+} KDEVICE_QUEUE_ENTRY, *PKDEVICE_QUEUE_ENTRY;
+
+// The host has no DMA adapters; the block exists because Windows overlays it
+// on the device object's queue entry (DEVICE_OBJECT.Queue.Wcb), which gives
+// the device object its size.
+typedef struct _WAIT_CONTEXT_BLOCK {
+    KDEVICE_QUEUE_ENTRY WaitQueueEntry;
+    PVOID DeviceRoutine;
+    PVOID DeviceContext;
+    ULONG NumberOfMapRegisters;
+    PVOID DeviceObject;
+    PVOID CurrentIrp;
+    PKDPC BufferChainingDpc;
+} WAIT_CONTEXT_BLOCK, *PWAIT_CONTEXT_BLOCK;
+
 typedef struct _DEVICE_OBJECT {
     CSHORT Type;
     USHORT Size;
@@ -213,6 +232,7 @@ typedef struct _DEVICE_OBJECT {
     CCHAR StackSize;
     union {
         LIST_ENTRY ListEntry;
+        WAIT_CONTEXT_BLOCK Wcb;
     } Queue;
     ULONG AlignmentRequirement;
     KDEVICE_QUEUE DeviceQueue;
@@ -371,7 +391,10 @@ typedef struct _IRP {
     union {
         struct {
             union {
-                PVOID DriverContext[4];
+                KDEVICE_QUEUE_ENTRY DeviceQueueEntry;
+                struct {
+                    PVOID DriverContext[4];
+                };
             };
             PETHREAD Thread; // the issuing thread; a system thread has no process
             PCHAR AuxiliaryBuffer;
@@ -384,6 +407,7 @@ typedef struct _IRP {
             };
             struct _FILE_OBJECT *OriginalFileObject;
         } Overlay;
+        KAPC Apc;
         PVOID CompletionKey;
     } Tail;
 } IRP, *PIRP;
@@ -482,30 +506,30 @@ typedef struct _IO_STACK_LOCATION {
         struct {
             PIO_SECURITY_CONTEXT SecurityContext;
             ULONG Options; // create disposition in the high byte, create options below
-            USHORT FileAttributes;
+            USHORT POINTER_ALIGNMENT FileAttributes;
             USHORT ShareAccess;
-            ULONG EaLength;
+            ULONG POINTER_ALIGNMENT EaLength;
         } Create;
         struct {
             ULONG Length;
-            ULONG Key;
+            ULONG POINTER_ALIGNMENT Key;
             ULONG Flags;
             LARGE_INTEGER ByteOffset;
         } Read;
         struct {
             ULONG Length;
-            ULONG Key;
+            ULONG POINTER_ALIGNMENT Key;
             ULONG Flags;
             LARGE_INTEGER ByteOffset;
         } Write;
         struct {
             ULONG Length;
-            ULONG FileInformationClass;
+            ULONG POINTER_ALIGNMENT FileInformationClass;
         } QueryFile;
         struct {
             ULONG OutputBufferLength;
-            ULONG InputBufferLength;
-            ULONG IoControlCode;
+            ULONG POINTER_ALIGNMENT InputBufferLength;
+            ULONG POINTER_ALIGNMENT IoControlCode;
             PVOID Type3InputBuffer; // METHOD_NEITHER input (the caller's own buffer)
         } DeviceIoControl;
         struct {
@@ -526,18 +550,18 @@ typedef struct _IO_STACK_LOCATION {
         } QueryId;
         struct {
             DEVICE_TEXT_TYPE DeviceTextType;
-            ULONG LocaleId;
+            ULONG POINTER_ALIGNMENT LocaleId;
         } QueryDeviceText;
         struct {
             BOOLEAN InPath;
             BOOLEAN Reserved[3];
-            DEVICE_USAGE_NOTIFICATION_TYPE Type;
+            DEVICE_USAGE_NOTIFICATION_TYPE POINTER_ALIGNMENT Type;
         } UsageNotification;
         struct {
             ULONG SystemContext;
-            POWER_STATE_TYPE Type;
-            POWER_STATE State;
-            POWER_ACTION ShutdownType;
+            POWER_STATE_TYPE POINTER_ALIGNMENT Type;
+            POWER_STATE POINTER_ALIGNMENT State;
+            POWER_ACTION POINTER_ALIGNMENT ShutdownType;
         } Power;
         struct {
             struct _CM_RESOURCE_LIST *AllocatedResources;
@@ -555,6 +579,18 @@ typedef struct _IO_STACK_LOCATION {
     PIO_COMPLETION_ROUTINE CompletionRoutine;
     PVOID Context;
 } IO_STACK_LOCATION, *PIO_STACK_LOCATION;
+
+// The x64 sizes and offsets drivers depend on most (the Windows build's layout
+// parity check compares every member; these hold host-only builds to it).
+static_assert(sizeof(IRP) == 208 && FIELD_OFFSET(IRP, Tail.Overlay.CurrentStackLocation) == 184, "IRP");
+static_assert(sizeof(IO_STACK_LOCATION) == 72 &&
+                  FIELD_OFFSET(IO_STACK_LOCATION, Parameters.DeviceIoControl.IoControlCode) == 24 &&
+                  FIELD_OFFSET(IO_STACK_LOCATION, Parameters.DeviceIoControl.Type3InputBuffer) == 32 &&
+                  FIELD_OFFSET(IO_STACK_LOCATION, FileObject) == 48,
+              "IO_STACK_LOCATION");
+static_assert(sizeof(DEVICE_OBJECT) == 328 && FIELD_OFFSET(DEVICE_OBJECT, DeviceObjectExtension) == 312,
+              "DEVICE_OBJECT");
+static_assert(sizeof(FILE_OBJECT) == 216 && FIELD_OFFSET(FILE_OBJECT, FsContext) == 24, "FILE_OBJECT");
 
 // ---------------------------------------------------------------- stack locations
 inline PIO_STACK_LOCATION IoGetCurrentIrpStackLocation(PIRP Irp) { return Irp->Tail.Overlay.CurrentStackLocation; }

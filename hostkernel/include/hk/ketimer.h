@@ -64,6 +64,35 @@ void KeSetImportanceDpc(PRKDPC Dpc, KDPC_IMPORTANCE Importance);
 // none of them is still running.
 void KeFlushQueuedDpcs(void);
 
+// ---------------------------------------------------------------- APCs
+// The host delivers no asynchronous procedure calls; the record exists because
+// Windows overlays one on a request's tail (IRP.Tail.Apc), which gives the
+// request its size.
+struct _KAPC;
+typedef VOID (*PKKERNEL_ROUTINE)(struct _KAPC *Apc, PVOID *NormalRoutine, PVOID *NormalContext,
+                                 PVOID *SystemArgument1, PVOID *SystemArgument2);
+typedef VOID (*PKRUNDOWN_ROUTINE)(struct _KAPC *Apc);
+typedef VOID (*PKNORMAL_ROUTINE)(PVOID NormalContext, PVOID SystemArgument1, PVOID SystemArgument2);
+
+typedef struct _KAPC {
+    UCHAR Type;
+    UCHAR SpareByte0;
+    UCHAR Size;
+    UCHAR SpareByte1;
+    ULONG SpareLong0;
+    struct _ETHREAD *Thread;
+    LIST_ENTRY ApcListEntry;
+    PKKERNEL_ROUTINE KernelRoutine;
+    PKRUNDOWN_ROUTINE RundownRoutine;
+    PKNORMAL_ROUTINE NormalRoutine;
+    PVOID NormalContext;
+    PVOID SystemArgument1;
+    PVOID SystemArgument2;
+    CCHAR ApcStateIndex;
+    KPROCESSOR_MODE ApcMode;
+    BOOLEAN Inserted;
+} KAPC, *PKAPC, *PRKAPC;
+
 // ---------------------------------------------------------------- timers
 typedef struct _KTIMER {
     DISPATCHER_HEADER Header;

@@ -29,6 +29,9 @@ static_assert(sizeof(wchar_t) == 2, "the host build needs -fshort-wchar");
 #define DECLSPEC_NOVTABLE
 #define DECLSPEC_NOTHROW
 #define FORCEINLINE inline __attribute__((always_inline))
+// Members that Windows aligns to a pointer's size inside otherwise packed
+// parameter blocks (IO_STACK_LOCATION); written where the DDK writes it.
+#define POINTER_ALIGNMENT __attribute__((aligned(8)))
 #define _In_
 #define _In_opt_
 #define _In_z_
