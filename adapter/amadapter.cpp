@@ -2,7 +2,7 @@
 // owns every published port, and the driver's own control device
 // "\Device\Ambrel", which applications open to create ports. Also the
 // driver-wide values and the gate that keeps removal and requests apart.
-#define AM_LOG_PREFIX AM_LOG_PREFIX_ADAPTER
+#define AM_UNIT AM_UNIT_ADAPTER
 #include "common/amcommon.h"
 #include "common/amcomplete.h"
 #include "adapter/amadapter.h"
@@ -69,7 +69,7 @@ VOID AmWaitForControlRequests()
 // AM_REGISTRY_PATH_MAX_CCH characters. `keyPath` holds
 // AM_REGISTRY_PATH_MAX_CCH + 1 + AM_CONFIGURATION_SUFFIX_CCH + 1 characters.
 // Returns the number of characters taken from the service key.
-static SIZE_T BuildConfigurationPath(_In_ PCUNICODE_STRING registryPath, _Out_ PWSTR keyPath)
+INIT_CODE_SEG static SIZE_T BuildConfigurationPath(_In_ PCUNICODE_STRING registryPath, _Out_ PWSTR keyPath)
 {
     SIZE_T n = 0;
     if (registryPath != NULL && registryPath->Buffer != NULL) {
@@ -93,7 +93,8 @@ static SIZE_T BuildConfigurationPath(_In_ PCUNICODE_STRING registryPath, _Out_ P
     return n;
 }
 
-extern "C" NTSTATUS NTAPI DriverEntry(_In_ PDRIVER_OBJECT DriverObject, _In_ PUNICODE_STRING RegistryPath)
+extern "C" INIT_CODE_SEG NTSTATUS NTAPI DriverEntry(_In_ PDRIVER_OBJECT DriverObject,
+                                                    _In_ PUNICODE_STRING RegistryPath)
 {
     AmPagedCode();
 
@@ -143,7 +144,7 @@ extern "C" NTSTATUS NTAPI DriverEntry(_In_ PDRIVER_OBJECT DriverObject, _In_ PUN
 
 // ------------------------------------------------------------------ devices
 
-NTSTATUS NTAPI AddDevice(_In_ PDRIVER_OBJECT DriverObject, _In_ PDEVICE_OBJECT PhysicalDeviceObject)
+PAGED_CODE_SEG NTSTATUS NTAPI AddDevice(_In_ PDRIVER_OBJECT DriverObject, _In_ PDEVICE_OBJECT PhysicalDeviceObject)
 {
     AmPagedCode();
 

@@ -3,7 +3,7 @@
 // closed. Opens and closes for the framework's devices (the published ports'
 // filters and pins) pass through here only to keep the process-id registry
 // current.
-#define AM_LOG_PREFIX AM_LOG_PREFIX_ADAPTER
+#define AM_UNIT AM_UNIT_ADAPTER
 #include "common/amcommon.h"
 #include "common/amcomplete.h"
 #include "common/amstring.h"

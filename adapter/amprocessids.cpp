@@ -2,7 +2,7 @@
 // published device. Pin opens and closes on the framework's device are noted
 // in the port's record on their way to portcls; the owner of the port asks
 // with a device-control request on its handle.
-#define AM_LOG_PREFIX AM_LOG_PREFIX_ADAPTER
+#define AM_UNIT AM_UNIT_ADAPTER
 #include "common/amcommon.h"
 #include "common/amcomplete.h"
 #include "adapter/amadapter.h"

@@ -2,7 +2,7 @@
 // that every MIDI client can find (device interfaces and their names, the
 // media category named by the port name's GUID, a DMus port bound to a new
 // miniport); withdrawal undoes the framework side.
-#define AM_LOG_PREFIX AM_LOG_PREFIX_ADAPTER
+#define AM_UNIT AM_UNIT_ADAPTER
 #include "common/amcommon.h"
 #include "adapter/amadapter.h"
 #include "adapter/nameguid/nameguid.h"

@@ -9,7 +9,7 @@
 // routine. Each of the first three claims it under m_Lock by exchanging its
 // cancel routine for null and completes it only if the routine was still
 // there; otherwise the cancel routine owns it. Exactly one party completes it.
-#define AM_LOG_PREFIX AM_LOG_PREFIX_ADAPTER
+#define AM_UNIT AM_UNIT_ADAPTER
 #include "common/amcommon.h"
 #include "common/amcomplete.h"
 #include "adapter/amadapter.h"

@@ -2,7 +2,7 @@
 // below the service key: how many ports it holds, and the SysEx size of a port
 // whose open names none. No failure here stops the driver; every unreadable
 // value falls back to its default.
-#define AM_LOG_PREFIX AM_LOG_PREFIX_ADAPTER
+#define AM_UNIT AM_UNIT_ADAPTER
 #include "common/amcommon.h"
 #include "adapter/amadapter.h"
 #include "adapter/openparams.h"
@@ -12,7 +12,7 @@
 #define AM_MAX_PORTS_XP 32UL
 #define AM_MAX_PORTS_OLDER 10UL
 
-NTSTATUS GetDWordParam(_In_z_ PCWSTR keyPath, _In_z_ PCWSTR valueName, _Out_ PULONG value)
+INIT_CODE_SEG NTSTATUS GetDWordParam(_In_z_ PCWSTR keyPath, _In_z_ PCWSTR valueName, _Out_ PULONG value)
 {
     AmPagedCode();
 
@@ -76,7 +76,7 @@ NTSTATUS GetDWordParam(_In_z_ PCWSTR keyPath, _In_z_ PCWSTR valueName, _Out_ PUL
     return status;
 }
 
-ULONG ReadMaxPorts(_In_z_ PCWSTR keyPath)
+INIT_CODE_SEG ULONG ReadMaxPorts(_In_z_ PCWSTR keyPath)
 {
     AmPagedCode();
 
@@ -106,7 +106,7 @@ ULONG ReadMaxPorts(_In_z_ PCWSTR keyPath)
     return AM_MAX_PORTS_OLDER;
 }
 
-ULONG ReadSysexSize(_In_z_ PCWSTR keyPath)
+INIT_CODE_SEG ULONG ReadSysexSize(_In_z_ PCWSTR keyPath)
 {
     AmPagedCode();
 

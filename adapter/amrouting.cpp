@@ -3,7 +3,7 @@
 // first whether its request is for the control device and hands everything
 // else to portcls. Also the adapter's removal, which tears down the control
 // device and every port.
-#define AM_LOG_PREFIX AM_LOG_PREFIX_ADAPTER
+#define AM_UNIT AM_UNIT_ADAPTER
 #include "common/amcommon.h"
 #include "common/amcomplete.h"
 #include "adapter/amadapter.h"

@@ -1,7 +1,7 @@
 // Open parameters: the file-name grammar, the field conversions and the
 // completion of the record. Runs in the opener's thread at PASSIVE_LEVEL on
 // the open's private copy of the name; no lock, no shared state.
-#define AM_LOG_PREFIX AM_LOG_PREFIX_ADAPTER
+#define AM_UNIT AM_UNIT_ADAPTER
 #include "common/amcommon.h"
 #include "common/amstring.h"
 #include "openparams.h"

@@ -1,6 +1,6 @@
 // Port table operations. All run at DISPATCH_LEVEL under the table lock and
 // touch only the table, the records and non-paged pool.
-#define AM_LOG_PREFIX AM_LOG_PREFIX_ADAPTER
+#define AM_UNIT AM_UNIT_ADAPTER
 #include "common/amcommon.h"
 #include "common/amstring.h"
 #include "porttable.h"

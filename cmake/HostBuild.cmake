@@ -1,16 +1,16 @@
 # Host build settings, shared by every host target.
 #
-# -fshort-wchar everywhere: wchar_t is UTF-16 as on Windows, so that the
-# driver's L"..." literals and the host kernel agree on WCHAR. Libraries built
-# without it that pass wchar_t across their interface (GoogleTest) are built
-# here from source with the same flag.
+# The layout flags (cmake/HostAbi.cmake) apply everywhere. Libraries built
+# without -fshort-wchar that pass wchar_t across their interface (GoogleTest)
+# are built here from source with the same flag.
+include(${CMAKE_CURRENT_LIST_DIR}/HostAbi.cmake)
 
 option(AMBREL_WERROR "Treat warnings as errors" ON)
 set(AMBREL_SANITIZE "" CACHE STRING "Sanitizers for every host target: '', 'address,undefined' or 'thread'")
 option(AMBREL_FUZZERS "Build the libFuzzer targets (needs clang)" OFF)
 option(AMBREL_BENCHMARKS "Build the benchmarks" OFF)
 
-add_compile_options(-fshort-wchar -Wall -Wextra -Wno-missing-field-initializers)
+add_compile_options(${AMBREL_HOST_ABI_FLAGS} -Wall -Wextra -Wno-missing-field-initializers)
 if(AMBREL_WERROR)
     add_compile_options(-Werror)
 endif()
@@ -34,6 +34,3 @@ if(AMBREL_FUZZERS)
 endif()
 
 find_package(Threads REQUIRED)
-
-# Flags of driver sources on the host: what the kernel-mode build allows.
-set(AMBREL_DRIVER_FLAGS -fno-exceptions -fno-rtti)

@@ -17,17 +17,32 @@
 // Objects made through the framework's allocation operator.
 #define AMBREL_OBJECT_POOL_TAG AM_POOL_TAG_OF('P', 'c', 'N', 'w')
 
-// ------------------------------------------------------------------ debug log
-// Every message is three debugger prints: the unit's prefix, the message, the
-// line end. A unit defines AM_LOG_PREFIX before it includes this file. When
-// nobody reads debug output the whole message costs the one test below.
-#define AM_LOG_PREFIX_ADAPTER "Ambrel:Adapter: "
-#define AM_LOG_PREFIX_MINIPORT "Ambrel:Miniport: "
+// ------------------------------------------------------------------ source units
+// Every source file belongs to one of the driver's two units and names it
+// before it includes this file: AM_UNIT_ADAPTER (adapter/ and below, and
+// common/amcomplete.cpp) or AM_UNIT_MINIPORT (miniport/ and below, and
+// common/amunknown.cpp). A header's macros take the unit of the file that
+// includes it. The unit gives the log prefix and the name assertions carry:
+// never a path, so the image says nothing about the machine that built it.
+#define AM_UNIT_ADAPTER 1
+#define AM_UNIT_MINIPORT 2
 
-#ifndef AM_LOG_PREFIX
-#error "define AM_LOG_PREFIX (AM_LOG_PREFIX_ADAPTER or AM_LOG_PREFIX_MINIPORT) before including amcommon.h"
+#if !defined(AM_UNIT)
+#error "define AM_UNIT (AM_UNIT_ADAPTER or AM_UNIT_MINIPORT) before including amcommon.h"
+#elif AM_UNIT == AM_UNIT_ADAPTER
+#define AM_UNIT_NAME "amadapter"
+#define AM_LOG_PREFIX "Ambrel:Adapter: "
+#elif AM_UNIT == AM_UNIT_MINIPORT
+#define AM_UNIT_NAME "amminiport"
+#define AM_LOG_PREFIX "Ambrel:Miniport: "
+#else
+#error "AM_UNIT is neither AM_UNIT_ADAPTER nor AM_UNIT_MINIPORT"
 #endif
 
+// ------------------------------------------------------------------ debug log
+// Every message is three debugger prints: the unit's prefix, the message, the
+// line end. When nobody reads debug output the whole message costs the one
+// test below.
 #define AmLog(...)                      \
     do {                                \
         if (AmDebugOutputEnabled()) {   \
@@ -41,12 +56,12 @@
 // Log the expression, the unit and the line, and go on, as a debug build of
 // the driver does.
 #define AmAssert(expression) \
-    ((expression) ? (void)0 : RtlAssert((PVOID)#expression, (PVOID)__FILE__, (ULONG)__LINE__, NULL))
+    ((expression) ? (void)0 : RtlAssert((PVOID)#expression, (PVOID)AM_UNIT_NAME, (ULONG)__LINE__, NULL))
 
 // Assert a condition under a name of its own (the message names the argument,
 // not the expression that tests it).
 #define AmAssertNamed(condition, text) \
-    ((condition) ? (void)0 : RtlAssert((PVOID)(text), (PVOID)__FILE__, (ULONG)__LINE__, NULL))
+    ((condition) ? (void)0 : RtlAssert((PVOID)(text), (PVOID)AM_UNIT_NAME, (ULONG)__LINE__, NULL))
 
 // ------------------------------------------------------------------ IRQL checks
 // Entry check of every routine that must run at PASSIVE_LEVEL (pageable code).

@@ -1,4 +1,4 @@
-#define AM_LOG_PREFIX AM_LOG_PREFIX_ADAPTER
+#define AM_UNIT AM_UNIT_ADAPTER
 #include "amcommon.h"
 #include "amcomplete.h"
 

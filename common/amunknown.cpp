@@ -1,5 +1,5 @@
 // The object base and its allocation operators.
-#define AM_LOG_PREFIX AM_LOG_PREFIX_MINIPORT
+#define AM_UNIT AM_UNIT_MINIPORT
 #include "amcommon.h"
 #include "amunknown.h"
 

@@ -6,7 +6,7 @@
 // The tables must be initialised at load without run-time code, so the GUID
 // values inside them are spelled out below; the identifiers they equal are
 // named beside each one (and the tests compare them with the platform's).
-#define AM_LOG_PREFIX AM_LOG_PREFIX_MINIPORT
+#define AM_UNIT AM_UNIT_MINIPORT
 #include "common/amcommon.h"
 #include "amminiport.h"
 
@@ -168,7 +168,7 @@ const PCFILTER_DESCRIPTOR FilterDescriptorRenderOnly =
 
 // ------------------------------------------------------------------ GetDescription
 
-STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::GetDescription(_Out_ PPCFILTER_DESCRIPTOR *OutFilterDescriptor)
+PAGED_CODE_SEG STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::GetDescription(_Out_ PPCFILTER_DESCRIPTOR *OutFilterDescriptor)
 {
     AmPagedCode();
 

@@ -1,6 +1,6 @@
 // The port's miniport object: creation, interfaces, initialisation, pin
 // names, stream admission and the application's side of the capture path.
-#define AM_LOG_PREFIX AM_LOG_PREFIX_MINIPORT
+#define AM_UNIT AM_UNIT_MINIPORT
 #include "common/amcommon.h"
 #include "common/amstring.h"
 #include "amminiport.h"
@@ -9,7 +9,7 @@ static_assert(FIELD_OFFSET(CaptureItem, data) <= AM_CAPTURE_ITEM_HEADER, "Captur
 
 // ------------------------------------------------------------------ creation
 
-NTSTATUS CreateMiniportAmbrel(_Out_ PUNKNOWN *unknown, _In_ REFCLSID classId, _In_opt_ PUNKNOWN outerUnknown,
+PAGED_CODE_SEG NTSTATUS CreateMiniportAmbrel(_Out_ PUNKNOWN *unknown, _In_ REFCLSID classId, _In_opt_ PUNKNOWN outerUnknown,
                               _In_ POOL_TYPE poolType, _In_opt_ MidiPort *portRecord, _In_ ULONG sysexSize,
                               _In_ ULONG portFlags, _In_ const GUID *manufacturerGuid,
                               _In_ const GUID *productGuid)
@@ -74,7 +74,7 @@ NTSTATUS CreateMiniportAmbrel(_Out_ PUNKNOWN *unknown, _In_ REFCLSID classId, _I
 
 // ------------------------------------------------------------------ IUnknown
 
-STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::NonDelegatingQueryInterface(_In_ REFIID iid, _Out_ PVOID *object)
+PAGED_CODE_SEG STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::NonDelegatingQueryInterface(_In_ REFIID iid, _Out_ PVOID *object)
 {
     AmPagedCode();
 
@@ -132,7 +132,7 @@ STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::NonDelegatingQueryInterface(_In_ REFIID
 
 // ------------------------------------------------------------------ destruction
 
-CMiniportAmbrel::~CMiniportAmbrel()
+PAGED_CODE_SEG CMiniportAmbrel::~CMiniportAmbrel()
 {
     AmPagedCode();
 
@@ -155,7 +155,7 @@ CMiniportAmbrel::~CMiniportAmbrel()
 
 // ------------------------------------------------------------------ IMiniportDMus
 
-STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::Init(_In_opt_ PUNKNOWN UnknownAdapter, _In_opt_ PRESOURCELIST ResourceList,
+PAGED_CODE_SEG STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::Init(_In_opt_ PUNKNOWN UnknownAdapter, _In_opt_ PRESOURCELIST ResourceList,
                                               _In_ PPORTDMUS Port, _Out_ PSERVICEGROUP *ServiceGroup)
 {
     UNREFERENCED_PARAMETER(UnknownAdapter);
@@ -221,7 +221,7 @@ STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::Init(_In_opt_ PUNKNOWN UnknownAdapter, 
     return status;
 }
 
-STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::DataRangeIntersection(_In_ ULONG PinId, _In_ PKSDATARANGE DataRange,
+PAGED_CODE_SEG STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::DataRangeIntersection(_In_ ULONG PinId, _In_ PKSDATARANGE DataRange,
                                                                _In_ PKSDATARANGE MatchingDataRange,
                                                                _In_ ULONG OutputBufferLength,
                                                                _Out_opt_ PVOID ResultantFormat,
@@ -258,7 +258,7 @@ STDMETHODIMP_(void) CMiniportAmbrel::Service(void)
 
 // ------------------------------------------------------------------ technology, power, pins
 
-STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::SetTechnology(_In_ const GUID *Technology)
+PAGED_CODE_SEG STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::SetTechnology(_In_ const GUID *Technology)
 {
     AmPagedCode();
 
@@ -275,7 +275,7 @@ STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::SetTechnology(_In_ const GUID *Technolo
     return STATUS_SUCCESS;
 }
 
-STDMETHODIMP_(void) CMiniportAmbrel::PowerChangeNotify(_In_ POWER_STATE PowerState)
+PAGED_CODE_SEG STDMETHODIMP_(void) CMiniportAmbrel::PowerChangeNotify(_In_ POWER_STATE PowerState)
 {
     AmPagedCode();
 
@@ -284,7 +284,7 @@ STDMETHODIMP_(void) CMiniportAmbrel::PowerChangeNotify(_In_ POWER_STATE PowerSta
     AmLog("CMiniportAmbrel::PoweChangeNotify +++++ succeeded");
 }
 
-STDMETHODIMP_(void) CMiniportAmbrel::PinCount(_In_ ULONG PinId, _Inout_ PULONG FilterNecessary,
+PAGED_CODE_SEG STDMETHODIMP_(void) CMiniportAmbrel::PinCount(_In_ ULONG PinId, _Inout_ PULONG FilterNecessary,
                                               _Inout_ PULONG FilterCurrent, _Inout_ PULONG FilterPossible,
                                               _Inout_ PULONG GlobalCurrent, _Inout_ PULONG GlobalPossible)
 {
@@ -300,7 +300,7 @@ STDMETHODIMP_(void) CMiniportAmbrel::PinCount(_In_ ULONG PinId, _Inout_ PULONG F
     AmLog("CMiniportAmbrel::PinCount");
 }
 
-STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::GetPinName(_In_ PIRP Irp, _In_ PKSP_PIN Pin, _Out_ PVOID Data)
+PAGED_CODE_SEG STDMETHODIMP_(NTSTATUS) CMiniportAmbrel::GetPinName(_In_ PIRP Irp, _In_ PKSP_PIN Pin, _Out_ PVOID Data)
 {
     AmPagedCode();
 

@@ -1,7 +1,7 @@
 // What a MIDI client learns about a port through its properties: an external
 // MIDI port with one channel group, described by its side and its name, with
 // the component identity the application gave at open.
-#define AM_LOG_PREFIX AM_LOG_PREFIX_MINIPORT
+#define AM_UNIT AM_UNIT_MINIPORT
 #include "common/amcommon.h"
 #include "amminiport.h"
 
@@ -20,7 +20,7 @@ static CMiniportAmbrelStream *StreamOf(_In_ PPCPROPERTY_REQUEST pRequest)
     return static_cast<CMiniportAmbrelStream *>(static_cast<PMXF>(pRequest->MinorTarget));
 }
 
-NTSTATUS ValidatePropertyRequest(_In_ PPCPROPERTY_REQUEST pRequest, _In_ ULONG valueSize,
+PAGED_CODE_SEG NTSTATUS ValidatePropertyRequest(_In_ PPCPROPERTY_REQUEST pRequest, _In_ ULONG valueSize,
                                  _In_ BOOLEAN valueRequired)
 {
     AmPagedCode();
@@ -54,7 +54,7 @@ NTSTATUS ValidatePropertyRequest(_In_ PPCPROPERTY_REQUEST pRequest, _In_ ULONG v
     return status;
 }
 
-static NTSTATUS SynthBasicSupport(_In_ PPCPROPERTY_REQUEST pRequest)
+PAGED_CODE_SEG static NTSTATUS SynthBasicSupport(_In_ PPCPROPERTY_REQUEST pRequest)
 {
     NTSTATUS status = ValidatePropertyRequest(pRequest, sizeof(ULONG), TRUE);
     if (!NT_SUCCESS(status)) {
@@ -88,7 +88,7 @@ static NTSTATUS SynthBasicSupport(_In_ PPCPROPERTY_REQUEST pRequest)
     return STATUS_SUCCESS;
 }
 
-static NTSTATUS SynthCaps(_In_ PPCPROPERTY_REQUEST pRequest)
+PAGED_CODE_SEG static NTSTATUS SynthCaps(_In_ PPCPROPERTY_REQUEST pRequest)
 {
     AmLog("PropertyHandler_Synth ***** KSPROPERTY_SYNTH_CAPS");
     if (pRequest->Verb & KSPROPERTY_TYPE_SET) {
@@ -134,7 +134,7 @@ static NTSTATUS SynthCaps(_In_ PPCPROPERTY_REQUEST pRequest)
     return STATUS_SUCCESS;
 }
 
-static NTSTATUS SynthLatencyClock(_In_ PPCPROPERTY_REQUEST pRequest)
+PAGED_CODE_SEG static NTSTATUS SynthLatencyClock(_In_ PPCPROPERTY_REQUEST pRequest)
 {
     AmLog("PropertyHandler_Synth ***** KSPROPERTY_SYNTH_LATENCYCLOCK");
     if (pRequest->Verb & KSPROPERTY_TYPE_SET) {
@@ -164,7 +164,7 @@ static NTSTATUS SynthLatencyClock(_In_ PPCPROPERTY_REQUEST pRequest)
     return STATUS_SUCCESS;
 }
 
-NTSTATUS NTAPI PropertyHandler_Synth(_In_ PPCPROPERTY_REQUEST pRequest)
+PAGED_CODE_SEG NTSTATUS NTAPI PropertyHandler_Synth(_In_ PPCPROPERTY_REQUEST pRequest)
 {
     AmPagedCode();
 
@@ -215,7 +215,7 @@ NTSTATUS NTAPI PropertyHandler_Synth(_In_ PPCPROPERTY_REQUEST pRequest)
     return status;
 }
 
-NTSTATUS CMiniportAmbrelStream::HandlePortParams(_In_ PPCPROPERTY_REQUEST pRequest)
+PAGED_CODE_SEG NTSTATUS CMiniportAmbrelStream::HandlePortParams(_In_ PPCPROPERTY_REQUEST pRequest)
 {
     AmPagedCode();
 
@@ -247,7 +247,7 @@ NTSTATUS CMiniportAmbrelStream::HandlePortParams(_In_ PPCPROPERTY_REQUEST pReque
     return STATUS_SUCCESS;
 }
 
-NTSTATUS NTAPI PropertyHandler_ComponentId(_In_ PPCPROPERTY_REQUEST pRequest)
+PAGED_CODE_SEG NTSTATUS NTAPI PropertyHandler_ComponentId(_In_ PPCPROPERTY_REQUEST pRequest)
 {
     AmPagedCode();
 

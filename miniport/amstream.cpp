@@ -2,7 +2,7 @@
 // connection, the render path (framework events to the port FIFO and the
 // parked read) and the clients' side of the capture path (queued application
 // writes to event lists for the sink).
-#define AM_LOG_PREFIX AM_LOG_PREFIX_MINIPORT
+#define AM_UNIT AM_UNIT_MINIPORT
 #include "common/amcommon.h"
 #include "common/amcomplete.h"
 #include "adapter/amadapter.h"
@@ -53,7 +53,7 @@ static VOID MoveList(_Inout_ PLIST_ENTRY from, _Out_ PLIST_ENTRY to)
 
 // ------------------------------------------------------------------ creation and teardown
 
-NTSTATUS CMiniportAmbrelStream::Init(_In_ CMiniportAmbrel *pMiniport, _In_opt_ MidiPort *portRecord,
+PAGED_CODE_SEG NTSTATUS CMiniportAmbrelStream::Init(_In_ CMiniportAmbrel *pMiniport, _In_opt_ MidiPort *portRecord,
                                      _In_ BOOLEAN isCapture, _In_opt_ PAllocatorMXF allocator,
                                      _In_opt_ PMASTERCLOCK masterClock, _In_ ULONG captureSlot)
 {
@@ -187,7 +187,7 @@ CMiniportAmbrelStream::~CMiniportAmbrelStream()
     AmLog("CMiniportAmbrelStream::~CMiniportAmbrelStream +++++ succeeded");
 }
 
-STDMETHODIMP_(NTSTATUS) CMiniportAmbrelStream::NonDelegatingQueryInterface(_In_ REFIID iid, _Out_ PVOID *object)
+PAGED_CODE_SEG STDMETHODIMP_(NTSTATUS) CMiniportAmbrelStream::NonDelegatingQueryInterface(_In_ REFIID iid, _Out_ PVOID *object)
 {
     AmPagedCode();
 
@@ -240,7 +240,7 @@ STDMETHODIMP_(NTSTATUS) CMiniportAmbrelStream::SetState(_In_ KSSTATE State)
     return STATUS_SUCCESS;
 }
 
-STDMETHODIMP_(NTSTATUS) CMiniportAmbrelStream::ConnectOutput(_In_opt_ PMXF sinkMXF)
+PAGED_CODE_SEG STDMETHODIMP_(NTSTATUS) CMiniportAmbrelStream::ConnectOutput(_In_opt_ PMXF sinkMXF)
 {
     AmPagedCode();
 
@@ -259,7 +259,7 @@ STDMETHODIMP_(NTSTATUS) CMiniportAmbrelStream::ConnectOutput(_In_opt_ PMXF sinkM
     return STATUS_UNSUCCESSFUL;
 }
 
-STDMETHODIMP_(NTSTATUS) CMiniportAmbrelStream::DisconnectOutput(_In_opt_ PMXF sinkMXF)
+PAGED_CODE_SEG STDMETHODIMP_(NTSTATUS) CMiniportAmbrelStream::DisconnectOutput(_In_opt_ PMXF sinkMXF)
 {
     AmPagedCode();
 

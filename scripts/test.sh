@@ -3,7 +3,9 @@
 #   1. host build, every test with the host verifier on;
 #   2. the same under AddressSanitizer + UndefinedBehaviorSanitizer;
 #   3. the concurrency tests under ThreadSanitizer;
-#   4. ambrel.sys for Windows x64 and its PE audit;
+#   4. ambrel.sys for Windows x64, its PE audit, and the layout parity check
+#      between the Windows DDK headers and the host kernel's (each with its
+#      self-test);
 #   5. the fuzzers' smoke runs (clang, libFuzzer);
 #   6. the benchmarks' smoke run (they must run; figures come from scripts/bench.sh);
 #   7. the main job itself (README's first command), on a scratch mount.
@@ -48,6 +50,10 @@ if want windows && [ -f cmake/mingw-w64-x86_64.cmake ]; then
     configure_and_build build/windows -DCMAKE_BUILD_TYPE=Release \
         -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake
     python3 tools/pe_audit.py build/windows/ambrel.sys build/windows
+    # Every size, offset, constant, kit identifier and interface slot the two
+    # sides share; then the check's own test, on the same objects.
+    python3 tools/parity_check.py build/windows/parity/objects.txt
+    python3 tests/parity/test_parity_check.py build/windows/parity/objects.txt
     # libambrel's Windows half and its example program (user mode).
     cmake -S frontend/windows -B build/windows-frontend -G Ninja -DCMAKE_BUILD_TYPE=Release \
         -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/mingw-w64-x86_64.cmake" >/dev/null

@@ -2,16 +2,18 @@
 """Audit of ambrel.sys: is this image something the Windows x64 kernel loads
 as a driver, built the way the build means to build it?
 
-    pe_audit.py IMAGE BUILD_DIR [--mingw-lib-dir DIR] [--map FILE]
+    pe_audit.py IMAGE BUILD_DIR [--mingw-lib-dir DIR] [--map FILE] [--inf FILE]
     pe_audit.py --set-checksum IMAGE
+    pe_audit.py --post-link IMAGE
 
 Prints one line per check, "PASS <check>: ..." or "FAIL <check>: ...", and
 exits 1 if any check fails (2 for a usage error). BUILD_DIR holds the link map
 (ambrel.map) and the generated portcls import library (libportcls.a); the
 import libraries of ntoskrnl.exe, hal.dll and ks.sys come from mingw-w64.
 
---set-checksum writes the image checksum (the build's post-link step; GNU ld
-leaves it zero and the loader checks it).
+--set-checksum writes the image checksum (GNU ld leaves it zero and the
+loader checks it). --post-link is the build's post-link step: it marks INIT
+discardable, which GNU ld cannot, and then writes the checksum.
 
 Python 3 standard library only: the PE and archive formats are parsed here.
 """
@@ -27,7 +29,10 @@ IMAGE_FILE_MACHINE_AMD64 = 0x8664
 IMAGE_NT_OPTIONAL_HDR64_MAGIC = 0x20B
 IMAGE_SUBSYSTEM_NATIVE = 1
 IMAGE_FILE_RELOCS_STRIPPED = 0x0001
+IMAGE_SCN_CNT_CODE = 0x00000020
+IMAGE_SCN_MEM_DISCARDABLE = 0x02000000
 IMAGE_SCN_MEM_EXECUTE = 0x20000000
+IMAGE_SCN_MEM_READ = 0x40000000
 IMAGE_SCN_MEM_WRITE = 0x80000000
 IMAGE_ORDINAL_FLAG64 = 1 << 63
 
@@ -53,6 +58,47 @@ ALLOWED_MODULES = {
 }
 
 MAP_NAME = "ambrel.map"
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+INF_PATH = os.path.join(ROOT, "platform", "windows", "ambrel.inf")
+
+# The oldest Windows the driver runs on: 6.2 (Windows 8), the first with
+# NonPagedPoolNx, which every allocation of the driver asks for. The image
+# header's OS and subsystem versions and the INF's models decoration
+# (NTamd64.6.2) must all say so.
+MINIMUM_WINDOWS = (6, 2)
+
+# Where code must sit, by the demangled names of the link map. PAGE: the
+# routines documented as pageable (PASSIVE_LEVEL only; the memory manager may
+# page them out). INIT: the entry point, DriverEntry and what only it calls
+# (the kernel frees INIT when DriverEntry returns). .text: routines that run
+# at DISPATCH_LEVEL, which must never be paged out. PAGE and INIT hold exactly
+# their lists (thunks into them excepted, which the compiler keeps in .text).
+CODE_PLACEMENT = {
+    "INIT": ["GsDriverEntry", "DriverEntry", "GetDWordParam", "ReadMaxPorts", "ReadSysexSize"],
+    "PAGE": ["AddDevice", "CreateMiniportAmbrel",
+             "CMiniportAmbrel::NonDelegatingQueryInterface", "CMiniportAmbrel::~CMiniportAmbrel",
+             "CMiniportAmbrel::Init", "CMiniportAmbrel::DataRangeIntersection", "CMiniportAmbrel::SetTechnology",
+             "CMiniportAmbrel::PowerChangeNotify", "CMiniportAmbrel::PinCount", "CMiniportAmbrel::GetPinName",
+             "CMiniportAmbrel::GetDescription", "ValidatePropertyRequest", "PropertyHandler_Synth",
+             "PropertyHandler_ComponentId", "CMiniportAmbrelStream::HandlePortParams",
+             "CMiniportAmbrelStream::Init", "CMiniportAmbrelStream::NonDelegatingQueryInterface",
+             "CMiniportAmbrelStream::ConnectOutput", "CMiniportAmbrelStream::DisconnectOutput"],
+    ".text": ["controlCancelIrp", "amTimerDPC", "completeIrp", "completeIrpBoosted",
+              "CMiniportAmbrel::Service", "CMiniportAmbrelStream::PutMessage",
+              "CMiniportAmbrelStream::PutMessageLocked", "CMiniportAmbrelStream::ConsumeEvents",
+              "CMiniportAmbrelStream::Write", "CMiniportAmbrelStream::SourceEvtsToPort",
+              "AddPortByName", "AddPortByIndex", "RemovePortByIndex", "RemovePortByPtr"],
+}
+
+# Section flags a WDK build gives its code sections.
+CODE_SECTION_FLAGS = {
+    "PAGE": 0x60000020,  # code, execute, read
+    "INIT": 0x62000020,  # code, discardable, execute, read
+}
+
+# Sections the kernel frees once DriverEntry has returned. GNU ld cannot mark
+# them (it gives the flag to debugging sections only); the post-link step does.
+DISCARDABLE_SECTIONS = ("INIT",)
 MINGW_PREFIX = "x86_64-w64-mingw32"
 
 
@@ -110,6 +156,7 @@ class PeImage:
         self.directories = [struct.unpack_from("<II", data, opt + 112 + 8 * i) for i in range(dir_count)]
         self.sections = []
         table = opt + self.optional_header_size
+        self.section_table_offset = table
         if table + 40 * self.section_count > len(data):
             raise PeError("truncated section table")
         for i in range(self.section_count):
@@ -226,16 +273,30 @@ def pe_checksum(data, checksum_offset):
     return (total + len(data)) & 0xFFFFFFFF
 
 
-def set_checksum(path):
+def rewrite_image(path, discard=()):
+    """Marks the named sections discardable (their section-table entries
+    only: no code or data byte changes) and writes the image checksum."""
     with open(path, "rb") as f:
         data = bytearray(f.read())
     image = PeImage(bytes(data))
     if image.magic != IMAGE_NT_OPTIONAL_HDR64_MAGIC:
         raise PeError("not a PE32+ image")
+    for name in discard:
+        indices = [i for i, section in enumerate(image.sections) if section.name == name]
+        if not indices:
+            raise PeError("no %s section to mark discardable" % name)
+        for i in indices:
+            flags_offset = image.section_table_offset + 40 * i + 36
+            (flags,) = struct.unpack_from("<I", data, flags_offset)
+            struct.pack_into("<I", data, flags_offset, flags | IMAGE_SCN_MEM_DISCARDABLE)
     struct.pack_into("<I", data, image.checksum_offset, 0)
     struct.pack_into("<I", data, image.checksum_offset, pe_checksum(bytes(data), image.checksum_offset))
     with open(path, "wb") as f:
         f.write(data)
+
+
+def set_checksum(path):
+    rewrite_image(path)
 
 
 # ---------------------------------------------------------------- symbols
@@ -255,6 +316,31 @@ def map_symbols(path, image_base):
                 if address >= image_base:
                     symbols.setdefault(match.group(2), address - image_base)
     return symbols
+
+
+MAP_ROUTINE = re.compile(r"^\s+0x([0-9a-fA-F]+)\s{2,}([A-Za-z_~].*?)\s*$")
+THUNK_PREFIXES = ("non-virtual thunk to ", "virtual thunk to ")
+
+
+def map_routines(path, image_base):
+    """[(rva, name, is_thunk)] of the link map's symbol lines, names
+    demangled as ld writes them, without their parameter lists."""
+    routines = []
+    with open(path, encoding="latin-1") as f:
+        for line in f:
+            match = MAP_ROUTINE.match(line)
+            if not match or "=" in match.group(2) or match.group(2).startswith("0x"):
+                continue
+            address = int(match.group(1), 16)
+            if address < image_base:
+                continue
+            name = match.group(2)
+            thunk = name.startswith(THUNK_PREFIXES)
+            for prefix in THUNK_PREFIXES:
+                if name.startswith(prefix):
+                    name = name[len(prefix):]
+            routines.append((address - image_base, name.split("(", 1)[0].strip(), thunk))
+    return routines
 
 
 # ---------------------------------------------------------------- import libraries
@@ -439,7 +525,104 @@ def check_tls(audit, image):
                  else "TLS directory at 0x%x: the kernel gives drivers no thread-local storage" % rva)
 
 
-def audit_image(path, build_dir, mingw_lib_dir, map_path):
+def check_versions(audit, image, inf_path):
+    want = "%d.%d" % MINIMUM_WINDOWS
+    opt = image.optional_header_offset
+    os_major, os_minor, _, _, sub_major, sub_minor = struct.unpack_from("<HHHHHH", image.data, opt + 40)
+    problems = []
+    if (os_major, os_minor) != MINIMUM_WINDOWS:
+        problems.append("OS version %d.%d" % (os_major, os_minor))
+    if (sub_major, sub_minor) != MINIMUM_WINDOWS:
+        problems.append("subsystem version %d.%d" % (sub_major, sub_minor))
+    decorations = inf_model_decorations(inf_path)
+    wanted_decoration = "NTamd64.%d.%d" % MINIMUM_WINDOWS
+    if decorations is None:
+        problems.append("no INF at %s" % inf_path)
+    elif decorations != [wanted_decoration]:
+        problems.append("INF models decorated %s" % (", ".join(decorations) or "with nothing"))
+    audit.report("os-version", not problems,
+                 "image and INF (%s) both say Windows %s" % (wanted_decoration, want) if not problems
+                 else "want Windows %s everywhere: %s" % (want, "; ".join(problems)))
+
+
+def inf_model_decorations(path):
+    """The target decorations of the INF's [Manufacturer] entries, or None
+    when there is no INF."""
+    try:
+        with open(path, encoding="latin-1") as f:
+            lines = f.read().splitlines()
+    except OSError:
+        return None
+    decorations = []
+    section = None
+    for line in lines:
+        line = line.split(";", 1)[0].strip()
+        if line.startswith("[") and line.endswith("]"):
+            section = line[1:-1].strip().lower()
+        elif section == "manufacturer" and "=" in line:
+            decorations += [part.strip() for part in line.split("=", 1)[1].split(",")[1:]]
+    return decorations
+
+
+def check_code_sections(audit, image):
+    problems = []
+    for name, flags in CODE_SECTION_FLAGS.items():
+        found = [s for s in image.sections if s.name == name]
+        if not found:
+            problems.append("no %s section" % name)
+        elif found[0].characteristics != flags:
+            problems.append("%s flags 0x%08x, want 0x%08x" % (name, found[0].characteristics, flags))
+    audit.report("code-sections", not problems,
+                 " ".join("%s 0x%08x" % item for item in CODE_SECTION_FLAGS.items()) if not problems
+                 else "; ".join(problems))
+
+
+def check_code_placement(audit, image, map_path):
+    if not map_path or not os.path.exists(map_path):
+        audit.report("code-placement", False, "no link map to place routines by")
+        return
+    routines = map_routines(map_path, image.image_base)
+    problems = []
+    for section_name, names in CODE_PLACEMENT.items():
+        for name in names:
+            places = {getattr(image.section_of(rva), "name", "nowhere")
+                      for rva, routine, thunk in routines if routine == name and not thunk}
+            if not places:
+                problems.append("%s is not in the link map" % name)
+            elif places != {section_name}:
+                problems.append("%s in %s, want %s" % (name, ", ".join(sorted(places)), section_name))
+    for rva, routine, thunk in routines:
+        section = image.section_of(rva)
+        if section is not None and section.name in ("PAGE", "INIT") and routine not in CODE_PLACEMENT[section.name]:
+            problems.append("%s%s sits in %s, which holds only its listed routines" % (
+                "thunk to " if thunk else "", routine, section.name))
+    audit.report("code-placement", not problems,
+                 ", ".join("%d listed routines in %s" % (len(v), k) for k, v in CODE_PLACEMENT.items())
+                 if not problems else "; ".join(sorted(set(problems))))
+
+
+# An absolute path of the build machine: two or more components after a
+# slash (Unix), or a drive letter (Windows), in ASCII or UTF-16.
+ABSOLUTE_PATH = re.compile(r"(?<![\w.+-])(?:/[\w.+-]+){2,}|\b[A-Za-z]:[\\/][\w.+-]+", re.ASCII)
+
+
+def check_build_paths(audit, image, extra_paths):
+    found = []
+    for section in image.sections:
+        if section.characteristics & IMAGE_SCN_MEM_EXECUTE:
+            continue  # code bytes are no text; strings live in the data sections
+        raw = image.data[section.raw_pointer:section.raw_pointer + section.raw_size]
+        texts = [raw.decode("latin-1")]
+        texts += [raw[i:len(raw) - ((len(raw) - i) % 2)].decode("utf-16-le", "replace") for i in (0, 1)]
+        for text in texts:
+            found += ["%s: %s" % (section.name, m.group(0)) for m in ABSOLUTE_PATH.finditer(text)]
+            found += ["%s: %s" % (section.name, p) for p in extra_paths if p and p in text]
+    audit.report("build-paths", not found,
+                 "no absolute path of the build machine in the data sections" if not found
+                 else "the image names paths of the machine that built it: %s" % ", ".join(sorted(set(found))))
+
+
+def audit_image(path, build_dir, mingw_lib_dir, map_path, inf_path=INF_PATH):
     audit = Audit()
     try:
         with open(path, "rb") as f:
@@ -470,6 +653,10 @@ def audit_image(path, build_dir, mingw_lib_dir, map_path):
     except PeError as error:
         audit.report("import-names", False, "unreadable import directory: %s" % error)
     check_sections(audit, image)
+    check_code_sections(audit, image)
+    check_code_placement(audit, image, map_path)
+    check_versions(audit, image, inf_path)
+    check_build_paths(audit, image, [os.path.abspath(build_dir), ROOT])
     check_relocations(audit, image)
     check_checksum(audit, image)
     check_tls(audit, image)
@@ -479,23 +666,28 @@ def audit_image(path, build_dir, mingw_lib_dir, map_path):
 def main(argv):
     parser = argparse.ArgumentParser(description="Audit a Windows x64 driver image.")
     parser.add_argument("--set-checksum", metavar="IMAGE", help="write the image checksum and exit")
+    parser.add_argument("--post-link", metavar="IMAGE",
+                        help="the build's post-link step: mark %s discardable, write the checksum and exit"
+                        % "/".join(DISCARDABLE_SECTIONS))
     parser.add_argument("image", nargs="?")
     parser.add_argument("build_dir", nargs="?")
     parser.add_argument("--mingw-lib-dir", help="mingw-w64's import libraries (default: the compiler's)")
     parser.add_argument("--map", help="link map (default: BUILD_DIR/%s)" % MAP_NAME)
+    parser.add_argument("--inf", default=INF_PATH, help="the driver's INF (default: %(default)s)")
     args = parser.parse_args(argv)
-    if args.set_checksum:
+    if args.set_checksum or args.post_link:
+        path = args.set_checksum or args.post_link
         try:
-            set_checksum(args.set_checksum)
+            rewrite_image(path, DISCARDABLE_SECTIONS if args.post_link else ())
         except (OSError, PeError) as error:
-            print("pe_audit: %s: %s" % (args.set_checksum, error), file=sys.stderr)
+            print("pe_audit: %s: %s" % (path, error), file=sys.stderr)
             return 1
         return 0
     if not args.image or not args.build_dir:
         parser.print_usage(sys.stderr)
         return 2
     audit = audit_image(args.image, args.build_dir, args.mingw_lib_dir or default_mingw_lib_dir(),
-                        args.map or os.path.join(args.build_dir, MAP_NAME))
+                        args.map or os.path.join(args.build_dir, MAP_NAME), args.inf)
     return 1 if audit.failed else 0
 
 

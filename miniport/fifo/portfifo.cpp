@@ -1,7 +1,7 @@
 // Port FIFO: creation and release. Put and get are inline in the header; each
 // moves at most two block copies, one up to the end of the storage and one
 // from its start, so the indices end where a byte loop would leave them.
-#define AM_LOG_PREFIX AM_LOG_PREFIX_MINIPORT
+#define AM_UNIT AM_UNIT_MINIPORT
 #include "common/amcommon.h"
 #include "portfifo.h"
 

@@ -1,6 +1,6 @@
 // MIDI byte parser. Constant work per byte, no allocation after creation, and
 // completed messages are handed out in place.
-#define AM_LOG_PREFIX AM_LOG_PREFIX_MINIPORT
+#define AM_UNIT AM_UNIT_MINIPORT
 #include "common/amcommon.h"
 #include "midiparser.h"
 

@@ -39,7 +39,8 @@ extern "C" __attribute__((noreturn, no_stack_protector)) void __stack_chk_fail(v
 // interrupt time, where the loader put the image and the stack, and the driver
 // object's address. The low byte is zero so that an overrun by a C string copy
 // cannot reproduce the guard.
-static __attribute__((no_stack_protector)) ULONG_PTR AmMakeStackGuard(_In_ PDRIVER_OBJECT driverObject)
+INIT_CODE_SEG static __attribute__((no_stack_protector)) ULONG_PTR
+AmMakeStackGuard(_In_ PDRIVER_OBJECT driverObject)
 {
     ULONGLONG entropy = __rdtsc();
     entropy ^= (ULONGLONG)KeQueryInterruptTime() << 17;
@@ -60,8 +61,8 @@ static __attribute__((no_stack_protector)) ULONG_PTR AmMakeStackGuard(_In_ PDRIV
 
 // The image's entry point. It runs no protected frame itself; DriverEntry and
 // everything after it see the seeded guard.
-extern "C" __attribute__((no_stack_protector)) NTSTATUS GsDriverEntry(_In_ PDRIVER_OBJECT driverObject,
-                                                                      _In_ PUNICODE_STRING registryPath)
+extern "C" INIT_CODE_SEG __attribute__((no_stack_protector)) NTSTATUS GsDriverEntry(
+    _In_ PDRIVER_OBJECT driverObject, _In_ PUNICODE_STRING registryPath)
 {
     if (__stack_chk_guard == AM_STACK_GUARD_DEFAULT) {
         __stack_chk_guard = AmMakeStackGuard(driverObject);

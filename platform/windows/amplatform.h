@@ -54,7 +54,16 @@ typedef struct {
     ULONG Accuracy;
 } KSRTAUDIO_HWREGISTER, *PKSRTAUDIO_HWREGISTER;
 
+// mingw-w64's punknown.h spells IUnknown's identifier with its last two
+// groups run together, {00000000-0000-0000-0000-C00000000046}; COM's
+// IUnknown is {00000000-0000-0000-C000-000000000046}, and portcls, clients
+// and the framework ask for that one. punknown.h's identifier is taken under
+// another name (nothing uses it, the link drops it) and the real one is
+// declared after it.
+#define IID_IUnknown AmMingwMisspeltIID_IUnknown
 #include <portcls.h>
+#undef IID_IUnknown
+DEFINE_GUID(IID_IUnknown, 0x00000000, 0x0000, 0x0000, 0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46);
 #include <dmusicks.h>
 #include <ks.h>
 #include <ksmedia.h>
@@ -197,6 +206,14 @@ typedef GUID *PCLSID;
 
 // PAGED_CODE() comes from wdm.h: empty unless DBG, which this build leaves
 // off; the driver's own AmPagedCode() does the IRQL check in every build.
+
+// Where a routine's code lives, as a WDK build's code_seg places it:
+// pageable routines in "PAGE", which the memory manager may page out while
+// nothing runs there; DriverEntry and what only it calls in "INIT", which the
+// kernel frees once DriverEntry has returned (the build marks INIT discardable
+// after the link: GNU ld cannot). Written before a definition.
+#define PAGED_CODE_SEG __attribute__((section("PAGE")))
+#define INIT_CODE_SEG __attribute__((section("INIT")))
 
 // ------------------------------------------------------------------ published layouts
 static_assert(sizeof(WCHAR) == 2, "WCHAR is UTF-16");

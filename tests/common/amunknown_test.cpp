@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "hostkernel/executive.h"
-#define AM_LOG_PREFIX AM_LOG_PREFIX_MINIPORT
+#define AM_UNIT AM_UNIT_MINIPORT
 #include "common/amcommon.h"
 #include "common/amunknown.h"
 

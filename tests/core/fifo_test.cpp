@@ -1,4 +1,5 @@
 // Port FIFO: size rule, the one free byte, wrap-around, and creation failure.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -94,7 +95,8 @@ TEST(PortFifo, APutThatDoesNotFitIsRefusedWholeAndAsserted)
     fifo.f.FifoPut(big.data(), 5);
     hostkernel::LogCapture log;
     fifo.f.FifoPut(big.data(), 3);
-    EXPECT_EQ(1u, hostkernel::assertionCount());
+    ASSERT_EQ(1u, hostkernel::assertionCount());
+    EXPECT_THAT(hostkernel::assertions().back(), testing::MatchesRegex(".* \\(amminiport, line [0-9]+\\)"));
     hostkernel::acknowledgeAssertions(1);
     EXPECT_TRUE(log.contains("Ambrel:Miniport: FifoPut ----- 3 bytes do not fit, space 2"));
     EXPECT_EQ(5u, fifo.f.FifoDepth());

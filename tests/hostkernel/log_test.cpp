@@ -171,19 +171,19 @@ TEST(Log, AssertionsAreLoggedCountedAndGoOn)
     hk::acknowledgeAssertions(1);
     hk::LogCapture log;
     DbgPrint("Ambrel:Miniport: half");
-    RtlAssert(PVOID("KeGetCurrentIrql() == DISPATCH_LEVEL"), PVOID("miniport/amstream.cpp"), 321, nullptr);
+    RtlAssert(PVOID("KeGetCurrentIrql() == DISPATCH_LEVEL"), PVOID("amminiport"), 321, nullptr);
     RtlAssert(PVOID("p != NULL"), PVOID("common/x.cpp"), 9, PSTR(const_cast<char *>("why: ")));
     EXPECT_EQ(log.lines(), (std::vector<std::string>{
                                "Ambrel:Miniport: half",
                                "*** Assertion failed: KeGetCurrentIrql() == DISPATCH_LEVEL",
-                               "***   Source File: miniport/amstream.cpp, line 321",
+                               "***   Source File: amminiport, line 321",
                                "*** Assertion failed: why: p != NULL",
                                "***   Source File: common/x.cpp, line 9",
                            }));
     EXPECT_EQ(hk::assertionCount(), 3u);
     EXPECT_EQ(hk::assertions(), (std::vector<std::string>{
                                     "quiet (q.cpp, line 1)",
-                                    "KeGetCurrentIrql() == DISPATCH_LEVEL (miniport/amstream.cpp, line 321)",
+                                    "KeGetCurrentIrql() == DISPATCH_LEVEL (amminiport, line 321)",
                                     "why: p != NULL (common/x.cpp, line 9)",
                                 }));
     EXPECT_EQ(hk::quiescenceProblems().size(), 1u);

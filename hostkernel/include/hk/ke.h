@@ -82,3 +82,9 @@ extern volatile LONG HkDebugOutputListening;
 // builds; the host verifier always does and reports the caller.
 void HkVerifyPageableCode(PCSTR file, ULONG line);
 #define PAGED_CODE() HkVerifyPageableCode(__FILE__, __LINE__)
+
+// Code placement (Windows: the pageable "PAGE" and discardable "INIT"
+// sections). The host pages nothing out and frees nothing after driver entry;
+// the IRQL rule of pageable code is PAGED_CODE()'s to check.
+#define PAGED_CODE_SEG
+#define INIT_CODE_SEG
