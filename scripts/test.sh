@@ -46,7 +46,7 @@ if want tsan; then
 fi
 
 if want windows && [ -f cmake/mingw-w64-x86_64.cmake ]; then
-    banner "ambrel.sys for Windows x64 and its PE audit"
+    banner "ambrel.sys for Windows x64, its PE audit and the layout parity check"
     configure_and_build build/windows -DCMAKE_BUILD_TYPE=Release \
         -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake
     python3 tools/pe_audit.py build/windows/ambrel.sys build/windows
