@@ -4,6 +4,7 @@
 // reads, the owner's process-id query with real pins, pin limits, and the
 // write path under pool failure.
 #include "adapter_fixture.h"
+#include "published.h"
 
 #include <algorithm>
 
@@ -114,7 +115,7 @@ TEST_F(EndToEnd, IdentityAndPinNamesOutliveTheApplicationsHandle)
     KSCOMPONENTID id;
     ASSERT_EQ(filter->componentId(&id), STATUS_SUCCESS);
     EXPECT_EQ(id.Manufacturer.Data1, 0x11111111u);
-    EXPECT_EQ(id.Product, DefaultProductGuid); // not given: the default
+    EXPECT_EQ(id.Product, published::DefaultProduct); // not given
 
     // Every pin is named after the port, with the size query and short
     // buffers answered as the framework's rules say; all of it stays once

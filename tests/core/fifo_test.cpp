@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <deque>
 #include <random>
 #include <vector>
@@ -23,12 +24,17 @@ TEST(PortFifo, SizeIsTheNextPowerOfTwoAboveTheSysexSizeAndHoldsOneByteLess)
     } cases[] = {
         {0, 2, 0x1},           {1, 2, 0x1},          {2, 4, 0x3},
         {8176, 8192, 0x1FFF},  {8192, 16384, 0x3FFF}, {65536, 131072, 0x1FFFF},
-        {131056, 131072, 0x1FFFF}, {0xFFFF0, 1048576, 0xFFFFF},
+        {131056, 131072, 0x1FFFF}, {0x80000, 1048576, 0xFFFFF}, {0xFFFF0, 1048576, 0xFFFFF},
     };
+    const ULONG ambr = hostkernel::tag("AmbR");
     for (const auto &c : cases) {
         hostkernel::LogCapture log;
         Fifo fifo;
+        // Creation starts from whatever the memory held: nothing of it survives.
+        std::memset(static_cast<void *>(&fifo.f), 0xA5, sizeof(fifo.f));
+        const size_t bytesBefore = hostkernel::poolStats(ambr).liveBytes;
         ASSERT_EQ(STATUS_SUCCESS, fifo.f.FifoCreate(c.sysex));
+        EXPECT_EQ(c.size, hostkernel::poolStats(ambr).liveBytes - bytesBefore) << "storage tagged AmbR";
         EXPECT_EQ(c.size, fifo.f.m_FifoSize) << c.sysex;
         EXPECT_EQ(c.mask, fifo.f.m_FifoMask) << c.sysex;
         EXPECT_EQ(0u, fifo.f.FifoDepth());
@@ -46,7 +52,16 @@ TEST(PortFifo, SizeIsTheNextPowerOfTwoAboveTheSysexSizeAndHoldsOneByteLess)
         std::snprintf(buffer, sizeof(buffer), "Ambrel:Miniport: CreateMiniportAmbrel ----- RX-Buffer-Size: %u",
                       c.size);
         EXPECT_EQ((std::vector<std::string>{size, buffer}), log.lines());
+
+        fifo.f.FifoFree();
+        EXPECT_EQ(bytesBefore, hostkernel::poolStats(ambr).liveBytes);
+        EXPECT_EQ(0u, fifo.f.FifoDepth());
+        EXPECT_EQ(0u, fifo.f.FifoSpace()) << "a freed FIFO takes nothing";
     }
+    // A size whose power of two would not fit 32 bits is refused.
+    Fifo huge;
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, huge.f.FifoCreate(0x80000000UL));
+    EXPECT_EQ(0u, huge.f.FifoSpace());
 }
 
 TEST(PortFifo, KeepsByteOrderAndDepthAcrossWrapAroundLikeAQueue)

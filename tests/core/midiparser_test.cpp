@@ -2,6 +2,7 @@
 // waits, then feed bytes until one completes a message.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "hostkernel/executive.h"
@@ -74,11 +75,34 @@ TEST(MidiParser, CutsStreamsIntoWholeMessages)
         {"SysEx after a channel message clears running status", 64, {0x90, 0x3C, 0x40, 0xF0, 0xF7, 0x3C, 0x40},
          {{0x90, 0x3C, 0x40}, {0xF0, 0xF7}}},
         {"quarter frame and pitch bend", 64, {0xF1, 0x21, 0xE3, 0x00, 0x40}, {{0xF1, 0x21}, {0xE3, 0x00, 0x40}}},
+        {"control change and poly pressure take two data bytes", 64,
+         {0xB0, 0x07, 0x64, 0x0A, 0x40, 0xA1, 0x3C, 0x20},
+         {{0xB0, 0x07, 0x64}, {0xB0, 0x0A, 0x40}, {0xA1, 0x3C, 0x20}}},
+        {"channel pressure and program change take one", 64, {0xD2, 0x30, 0x31, 0xC3, 0x01},
+         {{0xD2, 0x30}, {0xD2, 0x31}, {0xC3, 0x01}}},
+        {"song select, tune request and the end of running status", 64, {0x90, 0x3C, 0x40, 0xF3, 0x05, 0xF6, 0x3C, 0x00},
+         {{0x90, 0x3C, 0x40}, {0xF3, 0x05}, {0xF6}}},
+        {"capacity below three still holds short messages", 1, {0x90, 0x3C, 0x40, 0xF2, 0x01, 0x02},
+         {{0x90, 0x3C, 0x40}, {0xF2, 0x01, 0x02}}},
+    };
+    // Each row twice: pulled message by message as the render stream does,
+    // and pushed to a deliver routine, which takes the parser's general path
+    // for every byte.
+    auto deliver = [](MidiParser *, PUCHAR message, ULONG length, PVOID context) {
+        static_cast<std::vector<Bytes> *>(context)->emplace_back(message, message + length);
     };
     for (const auto &c : cases) {
-        Parser parser(c.capacity);
-        ASSERT_NE(nullptr, parser.p);
-        EXPECT_EQ(c.messages, parser.run(c.input)) << c.what;
+        Parser pulled(c.capacity);
+        ASSERT_NE(nullptr, pulled.p);
+        EXPECT_EQ(c.messages, pulled.run(c.input)) << c.what;
+
+        std::vector<Bytes> pushed;
+        Parser pushing(c.capacity, deliver, &pushed);
+        ASSERT_NE(nullptr, pushing.p);
+        for (UCHAR b : c.input) {
+            EXPECT_FALSE(MidiParserPutByte(pushing.p, b)) << c.what;
+        }
+        EXPECT_EQ(c.messages, pushed) << c.what << " (deliver routine)";
     }
 }
 
@@ -139,6 +163,16 @@ TEST(MidiParser, ResetForgetsEverythingBegunAndAllocationFailureGivesNull)
     parser.run({0xF0, 0x01});
     MidiParserReset(parser.p);
     EXPECT_TRUE(parser.run({0x02, 0xF7}).empty());
+
+    // The record is the header and a data area of the capacity, but never
+    // less than a three-byte message.
+    for (ULONG capacity : {0u, 2u, 3u, 64u}) {
+        const size_t before = hostkernel::poolStats(hostkernel::tag("AmbP")).liveBytes;
+        Parser sized(capacity);
+        EXPECT_EQ(FIELD_OFFSET(MidiParser, data) + std::max<ULONG>(capacity, 3),
+                  hostkernel::poolStats(hostkernel::tag("AmbP")).liveBytes - before)
+            << capacity;
+    }
 
     hostkernel::failPoolAllocationsOfTag(hostkernel::tag("AmbP"));
     EXPECT_EQ(nullptr, MidiParserAlloc(nullptr, nullptr, 64));

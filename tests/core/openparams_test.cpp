@@ -6,6 +6,7 @@
 
 #include "adapter/openparams.h"
 #include "hostkernel/executive.h"
+#include "published.h"
 
 namespace {
 
@@ -36,7 +37,7 @@ Opened open(const std::u16string &fileName, ACCESS_MASK access = 0x3, ULONG defa
 
 TEST(OpenParams, FileNamesGiveNameSizeAndGuids)
 {
-    const GUID dm = DefaultManufacturerGuid, dp = DefaultProductGuid;
+    const GUID dm = published::DefaultManufacturer, dp = published::DefaultProduct;
     struct Case {
         std::u16string fileName;
         std::u16string name;

@@ -91,8 +91,11 @@ TEST(Render, MessageLargerThanTheSpaceRetriesAndIsThenStoredWhole)
     EXPECT_EQ(h.of(s)->m_DMKEvtOffset, 200u);
     EXPECT_TRUE(log.contains("CMiniportAmbrelStream::Write ***** no more space in fifo!"));
 
-    // Retried every millisecond; what arrives meanwhile only queues.
-    ASSERT_TRUE(eventually([&] { return log.count("Ambrel:Miniport: amTimerDPC +++++ done") >= 3; }));
+    // Retried every millisecond (fifteen retries take 15 ms, not 1.5 s);
+    // what arrives meanwhile only queues.
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(eventually([&] { return log.count("Ambrel:Miniport: amTimerDPC +++++ done") >= 15; }));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1200ms);
     h.play(s, h.allocator.chain({h.allocator.event({0xC0, 0x05}), h.allocator.event({0x80, 0x3C, 0x00})}));
     EXPECT_EQ(h.fifoSpace(), 100u);
     EXPECT_EQ(h.allocator.returned(), 2);  // the filler's events only
@@ -100,6 +103,10 @@ TEST(Render, MessageLargerThanTheSpaceRetriesAndIsThenStoredWhole)
     EXPECT_EQ(h.readFifo().size(), 8091u);
     ASSERT_TRUE(eventually([&] { return h.allocator.returned() == 5; }));
     EXPECT_EQ(h.readFifo(), (big + Bytes{0x90, 0x3C, 0x40, 0xC0, 0x05, 0x80, 0x3C, 0x00}));
+    // Each retry is armed once: with the queue empty no timer runs again.
+    const size_t retries = log.count("amTimerDPC");
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(log.count("amTimerDPC"), retries);
 }
 
 TEST(Render, CompletedMessageThatDoesNotFitWaitsForTheNextEvent)

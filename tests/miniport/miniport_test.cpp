@@ -1,6 +1,7 @@
 // The miniport object, its filter description and its properties, as the
 // framework and its clients see them.
 #include "mp_support.h"
+#include "published.h"
 
 using hostkernel::LogCapture;
 
@@ -85,6 +86,21 @@ TEST(Miniport, QueryInterfaceHandsOutEachFaceWithOneReference)
     EXPECT_FALSE(log.contains("is nul!!!! {"));
 }
 
+// Pageable code says where it was called from, asserts, and the verifier
+// stops the system (as PAGED_CODE does on a checked Windows).
+TEST(MiniportDeathTest, PageableRoutineAtDispatchLevelIsReportedAndStops)
+{
+    auto callAtDispatch = [] {
+        hostkernel::setLogToStderr(true);
+        PortHarness h(u"Piano");
+        KIRQL old;
+        KeRaiseIrql(DISPATCH_LEVEL, &old);
+        PPCFILTER_DESCRIPTOR d = nullptr;
+        h.miniport->GetDescription(&d);
+    };
+    EXPECT_DEATH(callAtDispatch(), "EX: Pageable code called at IRQL 2\n.*Assertion failed: FALSE");
+}
+
 TEST(Miniport, TechnologyIsSetBeforeInitAndRewritesTheSharedRanges)
 {
     static const GUID x = {0xABCDEF01, 0x1234, 0x5678, {9, 9, 9, 9, 9, 9, 9, 9}};
@@ -125,17 +141,16 @@ TEST(FilterDescription, DirectionChoosesPinsConnectionsAndCategories)
         const GUID *name;
         std::vector<const GUID *> subFormats;
     };
-    const Pin legacy{8, KSPIN_DATAFLOW_IN, KSPIN_COMMUNICATION_SINK, &KSAUDFNAME_MIDI, {&KSDATAFORMAT_SUBTYPE_MIDI}};
-    const Pin dmusic{8, KSPIN_DATAFLOW_IN, KSPIN_COMMUNICATION_SINK, &KSAUDFNAME_DMUSIC_MPU_OUT,
-                     {&KSDATAFORMAT_SUBTYPE_DIRECTMUSIC}};
-    const Pin renderBridge{0, KSPIN_DATAFLOW_OUT, KSPIN_COMMUNICATION_NONE, nullptr, {&KSDATAFORMAT_SUBTYPE_MIDI_BUS}};
-    const Pin captureBridge{0, KSPIN_DATAFLOW_IN, KSPIN_COMMUNICATION_NONE, nullptr, {&KSDATAFORMAT_SUBTYPE_MIDI_BUS}};
-    const Pin capture{8, KSPIN_DATAFLOW_OUT, KSPIN_COMMUNICATION_SINK, &KSAUDFNAME_DMUSIC_MPU_IN,
-                      {&KSDATAFORMAT_SUBTYPE_MIDI, &KSDATAFORMAT_SUBTYPE_DIRECTMUSIC}};
+    using namespace published;
+    const Pin legacy{8, KSPIN_DATAFLOW_IN, KSPIN_COMMUNICATION_SINK, &PinNameMidi, {&SubtypeMidi}};
+    const Pin dmusic{8, KSPIN_DATAFLOW_IN, KSPIN_COMMUNICATION_SINK, &PinNameMpuOut, {&SubtypeDirectMusic}};
+    const Pin renderBridge{0, KSPIN_DATAFLOW_OUT, KSPIN_COMMUNICATION_NONE, nullptr, {&SubtypeMidiBus}};
+    const Pin captureBridge{0, KSPIN_DATAFLOW_IN, KSPIN_COMMUNICATION_NONE, nullptr, {&SubtypeMidiBus}};
+    const Pin capture{8, KSPIN_DATAFLOW_OUT, KSPIN_COMMUNICATION_SINK, &PinNameMpuIn, {&SubtypeMidi, &SubtypeDirectMusic}};
     using Connections = std::vector<std::vector<ULONG>>;
     const std::vector<Pin> all = {legacy, dmusic, renderBridge, captureBridge, capture};
     const Connections full = {{F, 0, F, 2}, {F, 1, 0, 1}, {0, 0, F, 2}, {F, 3, 1, 1}, {1, 0, F, 4}};
-    const std::vector<GUID> both = {KSCATEGORY_AUDIO, KSCATEGORY_RENDER, KSCATEGORY_CAPTURE};
+    const std::vector<GUID> both = {CategoryAudio, CategoryRender, CategoryCapture};
     struct Variant {
         ULONG flags; // no direction bit means both; other bits are ignored
         const char *log;
@@ -147,9 +162,9 @@ TEST(FilterDescription, DirectionChoosesPinsConnectionsAndCategories)
         {3 | 0x10, "Render & Capture", all, full, both},
         {0x4, "Render & Capture", all, full, both},
         {1, "Capture only", {captureBridge, capture}, {{F, 0, 0, 1}, {0, 0, F, 1}},
-         {KSCATEGORY_AUDIO, KSCATEGORY_CAPTURE}},
+         {CategoryAudio, CategoryCapture}},
         {2, "Render only", {legacy, dmusic, renderBridge}, {{F, 0, F, 2}, {F, 1, 0, 1}, {0, 0, F, 2}},
-         {KSCATEGORY_AUDIO, KSCATEGORY_RENDER}},
+         {CategoryAudio, CategoryRender}},
     };
     for (const Variant &v : variants) {
         SCOPED_TRACE(v.flags);
@@ -169,13 +184,28 @@ TEST(FilterDescription, DirectionChoosesPinsConnectionsAndCategories)
                 << "pin " << id;
             EXPECT_EQ(ks.DataFlow, want.flow) << "pin " << id;
             EXPECT_EQ(ks.Communication, want.communication) << "pin " << id;
-            EXPECT_EQ(*ks.Category, KSCATEGORY_AUDIO);
+            EXPECT_EQ(*ks.Category, CategoryAudio);
             EXPECT_TRUE(want.name ? ks.Name && *ks.Name == *want.name : ks.Name == nullptr) << "pin " << id;
             ASSERT_EQ(ks.DataRangesCount, want.subFormats.size());
             for (size_t r = 0; r < want.subFormats.size(); r++) {
-                EXPECT_EQ(ks.DataRanges[r]->SubFormat, *want.subFormats[r]) << "pin " << id;
-                EXPECT_EQ(ks.DataRanges[r]->MajorFormat, KSDATAFORMAT_TYPE_MUSIC);
-                EXPECT_EQ(ks.DataRanges[r]->Specifier, KSDATAFORMAT_SPECIFIER_NONE);
+                const KSDATARANGE &range = *ks.DataRanges[r];
+                EXPECT_EQ(range.SubFormat, *want.subFormats[r]) << "pin " << id;
+                EXPECT_EQ(range.MajorFormat, FormatTypeMusic);
+                EXPECT_EQ(range.Specifier, SpecifierNone);
+                EXPECT_EQ(std::vector<ULONG>({range.Flags, range.SampleSize, range.Reserved}),
+                          std::vector<ULONG>({0, 0, 0}))
+                    << "pin " << id;
+                if (range.SubFormat == SubtypeMidiBus) {
+                    EXPECT_EQ(range.FormatSize, 64u);
+                    continue;
+                }
+                // Both music ranges: the published 96-byte layout, any channel.
+                const KSDATARANGE_MUSIC &music = reinterpret_cast<const KSDATARANGE_MUSIC &>(range);
+                EXPECT_EQ(range.FormatSize, 96u) << "pin " << id;
+                EXPECT_EQ(music.Technology, TechnologyPort);
+                EXPECT_EQ(std::vector<ULONG>({music.Channels, music.Notes, music.ChannelMask}),
+                          std::vector<ULONG>({0, 0, 0xFFFF}))
+                    << "pin " << id;
             }
         }
         Connections connections;
@@ -187,12 +217,14 @@ TEST(FilterDescription, DirectionChoosesPinsConnectionsAndCategories)
         EXPECT_EQ(std::vector<GUID>(d->Categories, d->Categories + d->CategoryCount), v.categories);
         ASSERT_EQ(d->NodeCount, 2u);
         for (ULONG n = 0; n < 2; n++) {
-            EXPECT_EQ(*d->Nodes[n].Type, KSNODETYPE_SYNTHESIZER);
+            EXPECT_EQ(*d->Nodes[n].Type, NodeSynthesizer);
+            EXPECT_EQ(d->Nodes[n].Flags, 0u) << "node " << n;
+            EXPECT_EQ(d->Nodes[n].Name, nullptr) << "node " << n;
             const PCAUTOMATION_TABLE *t = d->Nodes[n].AutomationTable;
             ASSERT_EQ(t->PropertyCount, 4u);
             std::vector<ULONG> ids, flags;
             for (ULONG i = 0; i < 4; i++) {
-                EXPECT_EQ(*t->Properties[i].Set, KSPROPSETID_Synth);
+                EXPECT_EQ(*t->Properties[i].Set, PropsetSynth);
                 EXPECT_EQ(t->Properties[i].Handler, PropertyHandler_Synth);
                 ids.push_back(t->Properties[i].Id);
                 flags.push_back(t->Properties[i].Flags);
@@ -201,13 +233,10 @@ TEST(FilterDescription, DirectionChoosesPinsConnectionsAndCategories)
             EXPECT_EQ(flags, (std::vector<ULONG>{0x201, 0x201, 0x203, 0x201}));
         }
         const PCPROPERTY_ITEM &componentId = d->AutomationTable->Properties[0];
-        EXPECT_EQ(*componentId.Set, KSPROPSETID_General);
+        EXPECT_EQ(*componentId.Set, PropsetGeneral);
         EXPECT_EQ(componentId.Flags, 0x201u);
         EXPECT_EQ(componentId.Handler, PropertyHandler_ComponentId);
     }
-    EXPECT_EQ(RangeMidiStream.DataRange.FormatSize, 96u);
-    EXPECT_EQ(RangeMidiStream.ChannelMask, 0xFFFFu);
-    EXPECT_EQ(RangeMidiBridge.FormatSize, 64u);
 }
 
 // ------------------------------------------------------------------ properties
@@ -329,11 +358,11 @@ TEST(SynthProperties, CapsDescribeTheSideAndThePortName)
         ULONG node;
         const GUID *clsid;
         std::u16string text;
-    } rows[] = {{&piano, 0, &CLSID_MiniportDriverDMusUART, u"Ambrel Out: Piano"},
-                {&piano, 1, &CLSID_MiniportDriverDMusUARTCapture, u"Ambrel In: Piano"},
-                {&longPort, 0, &CLSID_MiniportDriverDMusUART, (u"Ambrel Out: " + longName).substr(0, 127)},
-                {&closed, 0, &CLSID_MiniportDriverDMusUART, u"Ambrel Out"},
-                {&closed, 1, &CLSID_MiniportDriverDMusUARTCapture, u"Ambrel In"}};
+    } rows[] = {{&piano, 0, &published::UartMiniport, u"Ambrel Out: Piano"},
+                {&piano, 1, &published::UartCaptureMiniport, u"Ambrel In: Piano"},
+                {&longPort, 0, &published::UartMiniport, (u"Ambrel Out: " + longName).substr(0, 127)},
+                {&closed, 0, &published::UartMiniport, u"Ambrel Out"},
+                {&closed, 1, &published::UartCaptureMiniport, u"Ambrel In"}};
     for (const Row &row : rows) {
         Request q(*row.port, KSPROPERTY_SYNTH_CAPS, KSPROPERTY_TYPE_GET, 400, nullptr, row.node);
         ASSERT_EQ(q.synth(), STATUS_SUCCESS);
@@ -381,8 +410,9 @@ TEST(ComponentIdProperty, AnswersTheOpenIdentityOrTheDefaults)
             EXPECT_EQ(q.as<ULONG>(), 0x201u);
         } else {
             const KSCOMPONENTID &id = q.as<KSCOMPONENTID>();
-            EXPECT_EQ(id.Manufacturer, row.major ? h.miniport->m_ManufacturerGuid : DefaultManufacturerGuid);
-            EXPECT_EQ(id.Product, row.major ? h.miniport->m_ProductGuid : DefaultProductGuid);
+            // Without a miniport the published defaults answer.
+            EXPECT_EQ(id.Manufacturer, row.major ? h.miniport->m_ManufacturerGuid : published::DefaultManufacturer);
+            EXPECT_EQ(id.Product, row.major ? h.miniport->m_ProductGuid : published::DefaultProduct);
             EXPECT_EQ(id.Component, GUID_NULL);
             EXPECT_EQ(id.Name, GUID_NULL);
             EXPECT_EQ(id.Version, 1u);
