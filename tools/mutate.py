@@ -125,7 +125,7 @@ def load_mutants(path):
 
 
 def run(cmd, cwd=None, timeout=None, quiet=True):
-    return subprocess.run(cmd, cwd=cwd, timeout=timeout, text=True,
+    return subprocess.run(cmd, cwd=cwd, timeout=timeout, text=True, errors="replace",
                           stdout=subprocess.PIPE if quiet else None,
                           stderr=subprocess.STDOUT if quiet else None)
 

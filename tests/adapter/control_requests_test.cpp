@@ -23,7 +23,8 @@ TEST_F(ControlRequests, UnsupportedMajorsAreRefusedOnTheControlDeviceOnly)
     hk::Handle h = openPort(app(), u"\\Piano");
     ASSERT_NE(h, 0u);
     const UCHAR majors[] = {IRP_MJ_FLUSH_BUFFERS, IRP_MJ_QUERY_INFORMATION, IRP_MJ_SET_INFORMATION,
-                            IRP_MJ_QUERY_SECURITY, IRP_MJ_LOCK_CONTROL};
+                            IRP_MJ_QUERY_SECURITY, IRP_MJ_LOCK_CONTROL, IRP_MJ_SET_SECURITY,
+                            IRP_MJ_POWER,         IRP_MJ_SYSTEM_CONTROL};
     for (UCHAR major : majors) {
         hk::LogCapture log;
         hk::IoResult r = app().request(h, major);

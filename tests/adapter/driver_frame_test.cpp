@@ -18,7 +18,7 @@ bool logHasLine(const hk::LogCapture &log, const std::string &message)
 
 // ------------------------------------------------------------------ settings
 
-enum class Stored { Missing, Dword, String, ShortBinaryDword };
+enum class Stored { Missing, Dword, String, ShortBinaryDword, NoMemory };
 
 struct MaxPortsCase {
     const char *name;
@@ -44,6 +44,10 @@ TEST_P(MaxPortsSetting, IsReadBoundedAndDefaultedByWindowsVersion)
     case Stored::String:
         hk::registry::setString(configurationKey(), u"MaxPorts", u"3");
         break;
+    case Stored::NoMemory:
+        hk::registry::setDword(configurationKey(), u"MaxPorts", 3);
+        hk::failPoolAllocationsOfTag(hk::tag("AmbR"));
+        break;
     case Stored::ShortBinaryDword: {
         const UCHAR two[2] = {3, 0};
         hk::registry::setValue(configurationKey(), u"MaxPorts", REG_DWORD, two, sizeof(two));
@@ -53,7 +57,9 @@ TEST_P(MaxPortsSetting, IsReadBoundedAndDefaultedByWindowsVersion)
 
     hk::LogCapture log;
     load();
+    hk::clearPoolFaults();
     EXPECT_TRUE(logHasLine(log, c.message)) << c.name;
+    EXPECT_EQ(logHasLine(log, "ExAllocatePool failed"), c.stored == Stored::NoMemory) << c.name;
     EXPECT_EQ(maxPorts, c.expected) << c.name;
     if (c.stored == Stored::String || c.stored == Stored::ShortBinaryDword) {
         EXPECT_TRUE(logHasLine(log, "ZwQueryValueKey: no dword"));
@@ -79,7 +85,8 @@ INSTANTIATE_TEST_SUITE_P(
                       MaxPortsCase{"Huge", Stored::Dword, 0xFFFFFFFF, 6, 0, 512, "Registry-Override -> 512 miniports (-1)"},
                       MaxPortsCase{"RegSz", Stored::String, 0, 6, 0, 256, "Vista or higher -> 256 miniports"},
                       MaxPortsCase{"TwoByteDword", Stored::ShortBinaryDword, 0, 6, 0, 256,
-                                   "Vista or higher -> 256 miniports"}),
+                                   "Vista or higher -> 256 miniports"},
+                      MaxPortsCase{"NoMemory", Stored::NoMemory, 0, 6, 0, 256, "Vista or higher -> 256 miniports"}),
     [](const ::testing::TestParamInfo<MaxPortsCase> &info) { return std::string(info.param.name); });
 
 struct SysexCase {
@@ -143,6 +150,34 @@ TEST_F(DriverEntryTest, ServiceKeyEndingInBackslashGetsNoSecondOne)
     EXPECT_FALSE(log.contains("\\\\Configuration"));
 }
 
+TEST_F(DriverEntryTest, ServiceKeyIsCutAt1024CharactersBeforeConfiguration)
+{
+    // A service key of more than 1024 characters (components of 200).
+    static std::u16string longPath;
+    longPath = hk::serviceKeyPath(kService);
+    while (longPath.size() < 1100) {
+        longPath += u"\\" + std::u16string(200, u'k');
+    }
+    static PDRIVER_INITIALIZE realEntry = DriverEntry;
+    struct Wrapper {
+        static NTSTATUS NTAPI entry(PDRIVER_OBJECT driver, PUNICODE_STRING)
+        {
+            UNICODE_STRING path;
+            path.Buffer = reinterpret_cast<PWSTR>(longPath.data());
+            path.Length = path.MaximumLength = USHORT(longPath.size() * sizeof(WCHAR));
+            return realEntry(driver, &path);
+        }
+    };
+    const std::u16string cut = longPath.substr(0, 1024);
+    hk::registry::setDword(cut + u"\\Configuration", u"MaxPorts", 5);
+    hk::LogCapture log;
+    NTSTATUS status;
+    driver_ = hk::loadDriver(kService, Wrapper::entry, &status);
+    ASSERT_EQ(status, STATUS_SUCCESS);
+    EXPECT_TRUE(logHasLine(log, "Registry-Override -> 5 miniports"));
+    EXPECT_TRUE(log.contains(", " + narrow(cut) + ")"));
+}
+
 // ------------------------------------------------------------------ devices
 
 using AdapterBoot = DriverFixture;
@@ -171,6 +206,23 @@ TEST_F(AdapterBoot, AddDeviceCreatesTheControlDeviceAndItsLinkReplacingAStaleOne
     }
 }
 
+TEST_F(AdapterBoot, StartRoutineWithoutResourcesOrBeforeTheControlDevice)
+{
+    // The start routine as the framework calls it, with what a framework may hand it.
+    DEVICE_OBJECT device{};
+    IRP irp{};
+    const PRESOURCELIST someList = reinterpret_cast<PRESOURCELIST>(&device);
+    load();
+    hk::LogCapture log;
+    EXPECT_EQ(StartDevice(&device, &irp, someList), STATUS_SUCCESS);
+    EXPECT_TRUE(logHasLine(log, "StartDevice ----- StartDevice: no device extension yet!!!!"));
+    EXPECT_TRUE(logHasLine(log, "StartDevice +++++ succeeded"));
+    log.clear();
+    EXPECT_EQ(StartDevice(&device, &irp, nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_TRUE(logHasLine(log, "StartDevice ----- NULL resource list"));
+    EXPECT_FALSE(log.contains("StartDevice +++++"));
+}
+
 using AdapterDeviceTest = BootedDriver;
 
 TEST_F(AdapterDeviceTest, SecondAdapterIsRefused)
@@ -194,18 +246,29 @@ TEST_F(AdapterDeviceTest, StopAndRestartKeepsServingPorts)
 
 TEST_F(AdapterDeviceTest, PnpMinorsAreNamedAndPassedOn)
 {
-    struct Case {
-        UCHAR minor;
-        const char *logged;
-    } cases[] = {{0x09, "IRP_MN_QUERY_CAPABILITIES"},
-                 {0x14, "IRP_MN_QUERY_PNP_DEVICE_STATE"},
-                 {0x0E, "unknown: 14"},
-                 {0x18, "unknown: 24"}};
-    for (const Case &c : cases) {
+    // Every minor by the platform's name (0x02, the removal, has tests of its
+    // own), 0x0E and anything past 0x17 by number.
+    const char *names[] = {"IRP_MN_START_DEVICE", "IRP_MN_QUERY_REMOVE_DEVICE", nullptr,
+                           "IRP_MN_CANCEL_REMOVE_DEVICE", "IRP_MN_STOP_DEVICE", "IRP_MN_QUERY_STOP_DEVICE",
+                           "IRP_MN_CANCEL_STOP_DEVICE", "IRP_MN_QUERY_DEVICE_RELATIONS", "IRP_MN_QUERY_INTERFACE",
+                           "IRP_MN_QUERY_CAPABILITIES", "IRP_MN_QUERY_RESOURCES",
+                           "IRP_MN_QUERY_RESOURCE_REQUIREMENTS", "IRP_MN_QUERY_DEVICE_TEXT",
+                           "IRP_MN_FILTER_RESOURCE_REQUIREMENTS", "unknown: 14", "IRP_MN_READ_CONFIG",
+                           "IRP_MN_WRITE_CONFIG", "IRP_MN_EJECT", "IRP_MN_SET_LOCK", "IRP_MN_QUERY_ID",
+                           "IRP_MN_QUERY_PNP_DEVICE_STATE", "IRP_MN_QUERY_BUS_INFORMATION",
+                           "IRP_MN_DEVICE_USAGE_NOTIFICATION", "IRP_MN_SURPRISE_REMOVAL", "unknown: 24",
+                           "unknown: 25"};
+    for (UCHAR minor = 0; minor < sizeof(names) / sizeof(names[0]); minor++) {
+        if (names[minor] == nullptr) {
+            continue;
+        }
         hk::LogCapture log;
-        node_->send(c.minor);
-        EXPECT_TRUE(logHasLine(log, c.logged)) << int(c.minor);
-        EXPECT_TRUE(logHasLine(log, "punt_to_PortCls: done")) << int(c.minor);
+        node_->send(minor);
+        auto lines = log.lines();
+        ASSERT_GE(lines.size(), 3u) << int(minor);
+        EXPECT_EQ(lines[0].rfind("Ambrel:Adapter: am_private_dispatch_pnp (", 0), 0u) << int(minor);
+        EXPECT_EQ(lines[1], std::string("Ambrel:Adapter: ") + names[minor]) << int(minor);
+        EXPECT_TRUE(logHasLine(log, "punt_to_PortCls: done")) << int(minor);
     }
 }
 

@@ -59,6 +59,8 @@ TEST(OpenParams, FileNamesGiveNameSizeAndGuids)
         {u"\\Piano\\100", u"Piano", 8176, dm, dp},
         {u"\\Piano\\2000000", u"Piano", 1048560, dm, dp},
         {u"\\Piano\\8176", u"Piano", 8176, dm, dp},
+        // A field is read up to its 255th character: what follows is not part of the number.
+        {u"\\Piano\\" + std::u16string(250, u'0') + u"65536999", u"Piano", 65536, dm, dp},
         {u"\\Piano\\1048560", u"Piano", 1048560, dm, dp},
         {u"\\Piano\\abc", u"Piano", 131056, dm, dp},
         {u"\\Piano\\ 9000x", u"Piano", 9000, dm, dp},

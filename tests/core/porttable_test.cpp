@@ -47,6 +47,9 @@ TEST(PortTable, NamesAreUniqueExactlyAndCaseSensitively)
     t.removeIndex(0);
     EXPECT_EQ(AM_PORT_NAME_EXISTS, t.add(u"port"));
     EXPECT_EQ(0, t.add(u"Port"));
+    EXPECT_EQ(3, t.add(u"last"));
+    t.removeIndex(1);
+    EXPECT_EQ(AM_PORT_NAME_EXISTS, t.add(u"last")) << "the last slot is compared too";
 }
 
 TEST(PortTable, NewRecordHoldsTheNameCutTo255UnitsAndNothingElse)
@@ -99,6 +102,7 @@ TEST(PortTable, LogsEveryStepOfAddAndRemove)
     t.removePtr(p); // already gone
     t.removeIndex(0);
     t.removeIndex(2);
+    t.removePtr(nullptr); // never taken for an empty slot
     char found[64];
     // The kernel prints %p as 16 upper-case hex digits, not as the C library does.
     std::snprintf(found, sizeof(found), "RemovePortByPtr: %016llX",
@@ -111,7 +115,8 @@ TEST(PortTable, LogsEveryStepOfAddAndRemove)
                   A + "RemovePortByPtr +++++ succeeded: 0",
                   A + found, A + "RemovePortByPtr ----- pointer not found!",
                   A + "RemovePortByIndex: 0", A + "RemovePortByIndex ----- port on index did not exist: 0",
-                  A + "RemovePortByIndex: 2", A + "RemovePortByIndex ----- index too large: 2 (2)"}),
+                  A + "RemovePortByIndex: 2", A + "RemovePortByIndex ----- index too large: 2 (2)",
+                  A + "RemovePortByPtr: 0000000000000000", A + "RemovePortByPtr ----- pointer not found!"}),
               log.lines());
     EXPECT_EQ(0u, hostkernel::poolStats(hostkernel::tag("AmbR")).liveAllocations);
 }
