@@ -105,7 +105,7 @@ TEST(Miniport, TechnologyIsSetBeforeInitAndRewritesTheSharedRanges)
 {
     static const GUID x = {0xABCDEF01, 0x1234, 0x5678, {9, 9, 9, 9, 9, 9, 9, 9}};
     for (const GUID *given : {&x, &GUID_NULL}) {
-        const GUID &expected = (*given == GUID_NULL) ? KSMUSIC_TECHNOLOGY_PORT : x;
+        const GUID &expected = (*given == GUID_NULL) ? published::TechnologyPort : x;
         PortHarness h(u"Piano", 3, 8176, false);
         EXPECT_EQ(h.miniport->SetTechnology(given), STATUS_SUCCESS);
         ASSERT_EQ(h.miniport->Init(NULL, NULL, &h.port, &h.group), STATUS_SUCCESS);
@@ -119,6 +119,24 @@ TEST(Miniport, TechnologyIsSetBeforeInitAndRewritesTheSharedRanges)
         EXPECT_EQ(h.miniport->m_Technology, expected);
         EXPECT_TRUE(log.contains("CMiniportAmbrel::SetTechnology ----- was already inited!!!"));
     }
+}
+
+TEST(Miniport, PowerChangesAreOnlyNoted)
+{
+    PortHarness h;
+    LogCapture log;
+    // IPowerNotify, {3DD648B8-969F-11D1-95A9-00C04FB925D3}: the state is
+    // logged and kept, nothing else happens.
+    PVOID face = nullptr;
+    ASSERT_EQ(h.unknown->QueryInterface(published::guid("{3DD648B8-969F-11D1-95A9-00C04FB925D3}"), &face),
+              STATUS_SUCCESS);
+    POWER_STATE d3;
+    d3.DeviceState = PowerDeviceD3;
+    log.clear();
+    static_cast<IPowerNotify *>(face)->PowerChangeNotify(d3);
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"Ambrel:Miniport: CMiniportAmbrel::PoweChangeNotify D4",
+                                                     "Ambrel:Miniport: CMiniportAmbrel::PoweChangeNotify +++++ succeeded"}));
+    static_cast<IPowerNotify *>(face)->Release();
 }
 
 TEST(Miniport, DataRangeIntersectionIsLeftToTheFramework)

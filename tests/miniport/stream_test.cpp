@@ -1,5 +1,6 @@
 // Stream admission and teardown, capture state and output connection.
 #include "mp_support.h"
+#include "published.h"
 
 using hostkernel::LogCapture;
 
@@ -93,6 +94,10 @@ TEST(Streams, AnswerAsIMXFOnly)
     EXPECT_EQ(s->QueryInterface(IID_IMXF, &object), STATUS_SUCCESS);
     EXPECT_EQ(object, s);
     EXPECT_EQ(s->Release(), 1u);
+    // IUnknown, {00000000-0000-0000-C000-000000000046}, is the same face.
+    EXPECT_EQ(s->QueryInterface(published::guid("{00000000-0000-0000-C000-000000000046}"), &object), STATUS_SUCCESS);
+    EXPECT_EQ(object, s);
+    EXPECT_EQ(s->Release(), 1u);
     EXPECT_EQ(s->QueryInterface(IID_IMiniport, &object), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(object, nullptr);
 }
@@ -105,6 +110,15 @@ TEST(Streams, CaptureListIsEnteredOnlyWhileRunning)
     ULONG slot = stream->m_CaptureSlot;
     EXPECT_TRUE(h.write({0x90, 1, 1}));  // stopped: lost
     EXPECT_TRUE(IsListEmpty(&stream->m_CaptureData));
+    EXPECT_EQ(s->SetState(KSSTATE_ACQUIRE), STATUS_SUCCESS);
+    EXPECT_TRUE(h.write({0x90, 1, 1}));  // acquired is not running either
+    EXPECT_TRUE(IsListEmpty(&stream->m_CaptureData));
+    {
+        // Asked for data while it does not run, it refuses.
+        LogCapture log;
+        h.pump(s);
+        EXPECT_TRUE(log.contains("CMiniportAmbrelStream::SourceEvtsToPort ----- This PIN is not running!"));
+    }
 
     EXPECT_EQ(s->SetState(KSSTATE_RUN), STATUS_SUCCESS);
     EXPECT_EQ(h.miniport->m_CaptureLists[slot], &stream->m_CaptureData);
@@ -115,6 +129,27 @@ TEST(Streams, CaptureListIsEnteredOnlyWhileRunning)
     EXPECT_EQ(hostkernel::poolLiveAllocations(), live - 1);  // the waiting write is gone
     EXPECT_EQ(s->SetState(KSSTATE_RUN), STATUS_SUCCESS);
     EXPECT_EQ(stream->m_CaptureSlot, slot);
+
+    // Destroyed while running, it leaves the slot table: a later write
+    // allocates nothing for it.
+    h.closeStream(s);
+    EXPECT_EQ(h.miniport->m_CaptureLists[slot], nullptr);
+    live = hostkernel::poolLiveAllocations();
+    EXPECT_TRUE(h.write({0x90, 1, 1}));
+    EXPECT_EQ(hostkernel::poolLiveAllocations(), live);
+}
+
+TEST(Streams, WriteWithoutCaptureStreamsIsDroppedBeforeAnyWork)
+{
+    PortHarness h;
+    h.newStream(DMUS_STREAM_MIDI_RENDER);  // a clock, but nobody records
+    LogCapture log;
+    const size_t live = hostkernel::poolLiveAllocations();
+    EXPECT_TRUE(h.write({0x90, 1, 1}));
+    EXPECT_TRUE(log.contains("CMiniportAmbrel::PutData ***** returned because no Capture Streams"));
+    EXPECT_FALSE(log.contains("before Notify"));
+    EXPECT_EQ(h.port.notified, nullptr);
+    EXPECT_EQ(hostkernel::poolLiveAllocations(), live);
 }
 
 TEST(Streams, CaptureSinkConnectsOnceUntilDisconnected)
