@@ -136,6 +136,11 @@ TEST_F(EndToEnd, IdentityAndPinNamesOutliveTheApplicationsHandle)
             EXPECT_EQ(filter->pinName(pin, &name), STATUS_SUCCESS);
             EXPECT_EQ(name, u"Piano") << pin << (closed ? " closed" : "");
         }
+        // The synthesizer caps name the port only while the application has it.
+        SYNTHCAPS caps;
+        ASSERT_EQ(filter->synthCaps(1, &caps), STATUS_SUCCESS);
+        EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t *>(caps.Description)),
+                  closed ? u"Ambrel In" : u"Ambrel In: Piano");
         for (const Row &row : rows) {
             SCOPED_TRACE(testing::Message() << row.length << (closed ? " closed" : ""));
             Bytes out(64, 0xCC);

@@ -57,6 +57,7 @@ TEST(OpenParams, FileNamesGiveNameSizeAndGuids)
         {u"\\ sp.ce \u00e9\u266b", u" sp.ce \u00e9\u266b", 131056, dm, dp},
         // Sizes are held within the port's limits; unconvertible ones default.
         {u"\\Piano\\100", u"Piano", 8176, dm, dp},
+        {u"\\Piano\\1", u"Piano", 8176, dm, dp},
         {u"\\Piano\\2000000", u"Piano", 1048560, dm, dp},
         {u"\\Piano\\8176", u"Piano", 8176, dm, dp},
         // A field is read up to its 255th character: what follows is not part of the number.
