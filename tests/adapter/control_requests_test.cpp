@@ -2,6 +2,7 @@
 // and close, the read queue and its cancellation, the write path, and the
 // process-id query, each status row with the log line that goes with it.
 #include "adapter_fixture.h"
+#include "published.h"
 
 namespace adaptertest {
 namespace {
@@ -130,11 +131,17 @@ TEST_F(ControlRequests, AccessChoosesTheDirections)
     for (const DirectionCase &c : cases) {
         std::u16string name = u"Port" + std::u16string(1, char16_t(u'0' + n++));
         hk::LogCapture log;
-        hk::Handle h = openPort(app(), u"\\" + name, nullptr, c.access);
+        hk::Handle h = openPort(app(), u"\\" + name + u"\\20000", nullptr, c.access);
         ASSERT_NE(h, 0u);
-        EXPECT_EQ(interfacesNamed(KSCATEGORY_AUDIO, name).size(), 1u);
-        EXPECT_EQ(interfacesNamed(KSCATEGORY_CAPTURE, name).size(), c.capture ? 1u : 0u);
-        EXPECT_EQ(interfacesNamed(KSCATEGORY_RENDER, name).size(), c.render ? 1u : 0u);
+        EXPECT_EQ(interfacesNamed(published::CategoryAudio, name).size(), 1u);
+        EXPECT_EQ(interfacesNamed(published::CategoryCapture, name).size(), c.capture ? 1u : 0u);
+        EXPECT_EQ(interfacesNamed(published::CategoryRender, name).size(), c.render ? 1u : 0u);
+        // What the access asked for, then what the port got.
+        const int asked = ((c.access & FILE_WRITE_DATA) ? 1 : 0) | ((c.access & FILE_READ_DATA) ? 2 : 0);
+        const int got = (c.capture ? 1 : 0) | (c.render ? 2 : 0);
+        EXPECT_EQ(log.count("am_private_dispatch_create ----- security: " + std::to_string(asked)), 1u);
+        EXPECT_EQ(log.count("am_private_dispatch_create ----- flags: " + std::to_string(got)), 1u);
+        EXPECT_EQ(log.count("am_private_dispatch_create ----- sysexLen: 20000"), 1u);
         EXPECT_EQ(log.contains("AddPortDevice ----- no capture instantiated"), !c.capture);
         EXPECT_EQ(log.contains("AddPortDevice ----- no render instantiated"), !c.render);
         ASSERT_EQ(app().close(h), STATUS_SUCCESS);

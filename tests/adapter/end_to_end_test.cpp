@@ -339,14 +339,32 @@ TEST_F(EndToEnd, PinLimitsAndTheRegistryOfRefusedAndClosedPins)
     ASSERT_FALSE(messages.empty());
     EXPECT_EQ(messages[0].bytes, note);
 
-    // Eight legacy render pins at most.
+    // Eight legacy render pins at most; they take process slots 8 to 15.
     std::vector<std::unique_ptr<midi::Pin>> render;
+    log.clear();
     for (int i = 0; i < 8; i++) {
         render.push_back(runningPin(*filterA, 0));
         ASSERT_TRUE(render.back()) << i;
     }
+    EXPECT_TRUE(log.contains("am_add_process_id (\\ambrel0) found empty slot: 15"));
     EXPECT_FALSE(runningPin(*filterA, 0, &status));
     EXPECT_FALSE(NT_SUCCESS(status));
+
+    // A 17th pin (DirectMusic render, process 400) opens but goes unrecorded
+    // until a pin closes and frees its slot.
+    auto filterC = filterOf(process(400), u"Piano");
+    ASSERT_TRUE(filterC);
+    std::unique_ptr<midi::Pin> dmusic, dmusicAgain;
+    log.clear();
+    ASSERT_EQ(midi::Pin::open(*filterC, 1, KSDATAFORMAT_SUBTYPE_DIRECTMUSIC, &dmusic), STATUS_SUCCESS);
+    EXPECT_TRUE(log.contains("am_add_process_id (\\ambrel0) found entry: 0"));
+    EXPECT_FALSE(log.contains("found empty slot"));
+    EXPECT_EQ(ids(app), (std::vector<std::uint64_t>{200, 300}));
+    ASSERT_EQ(render[0]->close(), STATUS_SUCCESS);
+    log.clear();
+    ASSERT_EQ(midi::Pin::open(*filterC, 1, KSDATAFORMAT_SUBTYPE_DIRECTMUSIC, &dmusicAgain), STATUS_SUCCESS);
+    EXPECT_TRUE(log.contains("am_add_process_id (\\ambrel0) found empty slot: 8"));
+    EXPECT_EQ(ids(app), (std::vector<std::uint64_t>{200, 300, 400}));
 }
 
 TEST_F(EndToEnd, WriteFailsCleanlyAtEveryAllocation)
