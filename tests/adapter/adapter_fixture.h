@@ -29,6 +29,8 @@ inline const std::u16string kControlLink = u"\\DosDevices\\Ambrel";
 inline const std::u16string kControlDevice = u"\\Device\\Ambrel";
 
 inline constexpr ACCESS_MASK kReadWrite = FILE_GENERIC_READ | FILE_GENERIC_WRITE;
+// The owner's process-id query: device type 0x8001, function 0x801, buffered, any access.
+inline constexpr ULONG kProcessIdsCode = 0x80012004;
 
 inline std::u16string configurationKey()
 {

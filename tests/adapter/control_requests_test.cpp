@@ -224,21 +224,26 @@ TEST_F(ControlRequests, ParkedReadIsBusyCancellableAndFinishedByCleanup)
     hk::Handle h = openPort(app(), u"\\Piano");
     ASSERT_NE(h, 0u);
 
+    hk::LogCapture parkLog;
     auto first = app().readAsync(h, 16);
     EXPECT_FALSE(first->wait(std::chrono::milliseconds(20)));
     EXPECT_EQ(first->result().dispatchStatus, STATUS_PENDING);
+    EXPECT_TRUE(parkLog.contains("Ambrel:Adapter: am_private_dispatch_read ***** mark pending"));
+    EXPECT_TRUE(parkLog.contains("Ambrel:Adapter: am_private_dispatch_read +++++ succeeded (pending)"));
 
     hk::LogCapture log;
     UCHAR buffer[16];
     hk::IoResult second = app().read(h, buffer, sizeof(buffer));
     EXPECT_EQ(second.status, STATUS_DEVICE_BUSY);
     EXPECT_EQ(second.information, 0u);
+    EXPECT_EQ(second.priorityBoost, IO_NO_INCREMENT);
     EXPECT_TRUE(log.contains("am_private_dispatch_read ----- still busy!"));
     EXPECT_FALSE(first->done());
 
     EXPECT_EQ(first->cancel(), STATUS_SUCCESS);
     ASSERT_TRUE(first->wait(std::chrono::seconds(10)));
     EXPECT_EQ(first->status(), STATUS_CANCELLED);
+    EXPECT_EQ(first->result().priorityBoost, IO_NO_INCREMENT);
     EXPECT_TRUE(log.contains("controlCancelIrp ***** found: "));
     EXPECT_TRUE(log.contains(" at 0"));
 

@@ -2,6 +2,7 @@
 // observed as the system and applications observe them: statuses, the object
 // namespace, the debug log, and what opens can do afterwards.
 #include "adapter_fixture.h"
+#include "published.h"
 
 #include <algorithm>
 #include <cstring>
@@ -313,7 +314,7 @@ TEST_F(RemovalTest, WithdrawsEveryPortFinishesParkedReadsAndRefusesStaleHandles)
     UCHAR buffer[8];
     EXPECT_EQ(app.read(handles[1], buffer, sizeof(buffer)).status, STATUS_DELETE_PENDING);
     UCHAR ids[128];
-    EXPECT_EQ(app.deviceControl(handles[2], IOCTL_AMBREL_PROCESS_IDS, nullptr, 0, ids, sizeof(ids)).status,
+    EXPECT_EQ(app.deviceControl(handles[2], kProcessIdsCode, nullptr, 0, ids, sizeof(ids)).status,
               STATUS_DELETE_PENDING);
     EXPECT_EQ(app.request(handles[0], IRP_MJ_FLUSH_BUFFERS).status, STATUS_INVALID_DEVICE_REQUEST);
     for (hk::Handle h : handles) {
@@ -324,6 +325,72 @@ TEST_F(RemovalTest, WithdrawsEveryPortFinishesParkedReadsAndRefusesStaleHandles)
     // A new open finds no link any more.
     hk::Handle h = 0;
     EXPECT_FALSE(NT_SUCCESS(app.open(portPath(u"\\Piano"), kReadWrite, &h)));
+}
+
+// What the completion of the first port's parked read (a kernel caller's,
+// finished by the removal) sees of the second port while removal works.
+struct RemovalProbe {
+    hk::Process *app;
+    hk::Handle other;
+    NTSTATUS readStatus = STATUS_PENDING;
+    CCHAR readBoost = -1;
+    NTSTATUS writeStatus = STATUS_PENDING;
+};
+
+NTSTATUS NTAPI probeRemoval(PDEVICE_OBJECT, PIRP irp, PVOID context)
+{
+    auto *probe = static_cast<RemovalProbe *>(context);
+    probe->readStatus = irp->IoStatus.Status;
+    const UCHAR note[3] = {0x90, 60, 100};
+    probe->writeStatus = probe->app->write(probe->other, note, 3).status;
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+using RemovalOfAFullTable = DriverFixture;
+
+TEST_F(RemovalOfAFullTable, ClosesTheGateFirstThenWithdrawsEverySlotInOrder)
+{
+    hk::registry::setDword(configurationKey(), u"MaxPorts", 2);
+    boot();
+    ASSERT_FALSE(HasFatalFailure());
+    hk::Process &app = process(100);
+    hk::Handle one = openPort(app, u"\\One"), two = openPort(app, u"\\Two");
+    ASSERT_NE(one, 0u);
+    ASSERT_NE(two, 0u);
+    PDEVICE_OBJECT control = app.fileObject(one)->DeviceObject;
+    UCHAR buffer[16];
+    PIRP irp = IoBuildAsynchronousFsdRequest(IRP_MJ_READ, control, buffer, sizeof(buffer), nullptr, nullptr);
+    ASSERT_NE(irp, nullptr);
+    IoGetNextIrpStackLocation(irp)->FileObject = app.fileObject(one);
+    RemovalProbe probe{&app, two};
+    IoSetCompletionRoutine(irp, probeRemoval, &probe, TRUE, TRUE, TRUE);
+    ASSERT_EQ(IoCallDriver(control, irp), STATUS_PENDING);
+
+    hk::LogCapture log;
+    EXPECT_EQ(node_->remove(), STATUS_SUCCESS);
+    EXPECT_EQ(probe.readStatus, STATUS_DELETE_PENDING);
+    EXPECT_EQ(probe.writeStatus, STATUS_DELETE_PENDING) << "a request during removal passed the gate";
+    hk::releaseKernelRequest(irp);
+    EXPECT_TRUE(interfacesNamed(published::CategoryAudio, u"Two").empty());
+
+    // The removal's own account, in order.
+    const std::vector<std::string> steps = {
+        "am_private_dispatch_remove (", "am_private_dispatch_remove ***** call is for function interface",
+        "am_private_dispatch_remove ***** deleting symbolic link", "am_private_dispatch_remove ***** removing port: 0",
+        "am_private_cleanup_for_remove (One)", "am_private_cleanup_for_remove ***** got Irp: ",
+        "am_private_cleanup_for_remove +++++ succeeded", "am_private_dispatch_remove ***** removing port: 1",
+        "am_private_cleanup_for_remove (Two)", "am_private_cleanup_for_remove +++++ succeeded",
+        "am_private_dispatch_remove ***** IoDeleteDevice: controlDevice",
+        "am_private_dispatch_remove ***** pass Irp down to function device",
+        "am_private_dispatch_remove +++++ succeeded"};
+    auto lines = log.lines();
+    auto at = lines.begin();
+    for (const std::string &step : steps) {
+        at = std::find_if(at, lines.end(),
+                          [&](const std::string &l) { return l.rfind("Ambrel:Adapter: " + step, 0) == 0; });
+        ASSERT_NE(at, lines.end()) << "missing or out of order: " << step;
+        ++at;
+    }
 }
 
 TEST_F(RemovalTest, ANewAdapterInTheSameLoadServesPortsWhileOldHandlesStayRefused)

@@ -27,17 +27,19 @@ protected:
     }
 
     // The owner's query; the ids the reply carries.
-    hk::IoResult queryIds(hk::Process &owner, ULONG outputLength, std::vector<std::uint64_t> *ids)
+    hk::IoResult queryIds(hk::Process &owner, ULONG outputLength, std::vector<std::uint64_t> *ids,
+                          hk::Handle handle = 0)
     {
         std::vector<std::uint64_t> reply(outputLength / 8 + 1, 0);
-        hk::IoResult r = owner.deviceControl(port_, IOCTL_AMBREL_PROCESS_IDS, nullptr, 0, reply.data(), outputLength);
+        hk::IoResult r = owner.deviceControl(handle ? handle : port_, kProcessIdsCode, nullptr, 0, reply.data(),
+                                             outputLength);
         ids->assign(reply.begin(), reply.begin() + std::min<size_t>(r.information / 8, reply.size()));
         return r;
     }
-    std::vector<std::uint64_t> ids(hk::Process &owner)
+    std::vector<std::uint64_t> ids(hk::Process &owner, hk::Handle handle = 0)
     {
         std::vector<std::uint64_t> ids;
-        EXPECT_EQ(queryIds(owner, 128, &ids).status, STATUS_SUCCESS);
+        EXPECT_EQ(queryIds(owner, 128, &ids, handle).status, STATUS_SUCCESS);
         return ids;
     }
 
@@ -197,6 +199,16 @@ TEST_F(EndToEnd, ParkedReadTakesWhatFitsAndIsLeftToItsCanceller)
     EXPECT_EQ(shortRead->result().priorityBoost, IO_SOUND_INCREMENT);
     EXPECT_EQ(readNow(app, 16), (Bytes{0x40}));
 
+    // A read that finds data takes what fits at once, boosted.
+    ASSERT_EQ(pin->send({0x90, 0x3D, 0x41}), STATUS_SUCCESS);
+    UCHAR two[2];
+    hk::IoResult now = app.read(port_, two, sizeof(two));
+    EXPECT_EQ(now.status, STATUS_SUCCESS);
+    EXPECT_EQ(now.information, 2u);
+    EXPECT_EQ(now.priorityBoost, IO_SOUND_INCREMENT);
+    EXPECT_EQ(Bytes(two, two + 2), (Bytes{0x90, 0x3D}));
+    EXPECT_EQ(readNow(app, 16), (Bytes{0x41}));
+
     // A read whose canceller has taken its routine but not yet its slot is
     // left alone: the data stays for the next read.
     auto read = app.readAsync(port_, 16);
@@ -292,6 +304,35 @@ TEST_F(EndToEnd, ProcessIdQueryRows)
         processes_.clear();
         hk::drainIo();
     }
+}
+
+// A pin belongs to the port whose reference string is the filter path's
+// whole last component, in whatever case the client wrote the path:
+// "ambrel1" does not take the pins of "ambrel10".
+TEST_F(EndToEnd, PinsBelongToThePortNamedByTheWholeLastComponent)
+{
+    hk::Process &app = process(100);
+    std::vector<hk::Handle> owners;
+    for (int n = 0; n <= 10; n++) {
+        owners.push_back(openPort(app, u"\\P" + std::u16string(1, char16_t(u'a' + n))));
+        ASSERT_NE(owners.back(), 0u) << n;
+    }
+    auto port = midi::findPort(u"Pk"); // slot 10, "ambrel10"
+    ASSERT_TRUE(port.has_value());
+    std::u16string upper = port->path;
+    for (char16_t &c : upper) {
+        c = (c >= u'a' && c <= u'z') ? char16_t(c - u'a' + u'A') : c;
+    }
+    std::unique_ptr<midi::Filter> lower, shouted;
+    ASSERT_EQ(midi::Filter::open(process(200), port->path, &lower), STATUS_SUCCESS);
+    ASSERT_EQ(midi::Filter::open(process(300), upper, &shouted), STATUS_SUCCESS);
+    hk::LogCapture log;
+    auto a = runningPin(*lower, KSPIN_DATAFLOW_IN);
+    auto b = runningPin(*shouted, KSPIN_DATAFLOW_IN);
+    ASSERT_TRUE(a && b);
+    EXPECT_EQ(log.count("found entry: 10"), 2u);
+    EXPECT_EQ(ids(app, owners[10]), (std::vector<std::uint64_t>{200, 300}));
+    EXPECT_TRUE(ids(app, owners[1]).empty());
 }
 
 TEST_F(EndToEnd, PinLimitsAndTheRegistryOfRefusedAndClosedPins)
