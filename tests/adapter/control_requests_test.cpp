@@ -211,10 +211,21 @@ TEST_F(ControlRequests, FailedPublicationFreesTheSlotAndTheName)
     hk::registry::clearFaults();
 
     // Nothing was left holding the name or a slot: all three slots still open.
-    EXPECT_NE(openPort(app(), u"\\Piano"), 0u);
+    hk::Handle piano = openPort(app(), u"\\Piano");
+    EXPECT_NE(piano, 0u);
     EXPECT_NE(openPort(app(), u"\\Organ"), 0u);
     EXPECT_NE(openPort(app(), u"\\Harp"), 0u);
     EXPECT_EQ(hk::registry::openHandleCount(), 0u);
+
+    // Publication of a slot past the table is refused before anything is
+    // registered: STATUS_INVALID_HANDLE, 0xC0000008.
+    PortTable *table = static_cast<PortTable *>(app().fileObject(piano)->DeviceObject->DeviceExtension);
+    const ULONG count = table->PortCount;
+    log.clear();
+    EXPECT_EQ(AddPortDevice(table, count, 8176, 3, GUID_NULL, GUID_NULL), NTSTATUS(0xC0000008));
+    EXPECT_EQ(log.count("AddPortDevice ----- Index too large (" + std::to_string(count) + ">=" +
+                        std::to_string(count) + ")"),
+              1u);
 }
 
 // ------------------------------------------------------------------ read, cancel, cleanup
