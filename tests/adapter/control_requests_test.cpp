@@ -150,9 +150,10 @@ TEST_F(ControlRequests, AccessChoosesTheDirections)
 
 TEST_F(ControlRequests, PublicationWritesTheNamesClientsShow)
 {
+    hk::LogCapture log;
     hk::Handle h = openPort(app(), u"\\Piano");
     ASSERT_NE(h, 0u);
-    for (const GUID *category : {&KSCATEGORY_AUDIO, &KSCATEGORY_CAPTURE, &KSCATEGORY_RENDER}) {
+    for (const GUID *category : {&published::CategoryAudio, &published::CategoryCapture, &published::CategoryRender}) {
         auto found = interfacesNamed(*category, u"Piano");
         ASSERT_EQ(found.size(), 1u);
         EXPECT_EQ(narrow(found[0].referenceString), "ambrel0");
@@ -173,6 +174,12 @@ TEST_F(ControlRequests, PublicationWritesTheNamesClientsShow)
     EXPECT_EQ(display->type, (ULONG)REG_BINARY);
     EXPECT_EQ(display->data, std::vector<std::uint8_t>(4, 0));
     EXPECT_EQ(hk::registry::openHandleCount(), 0u);
+    EXPECT_EQ(log.count("Ambrel:Adapter: AddPortDevice ***** Created GUID-Path: " + narrow(category)), 1u);
+
+    // Withdrawal lets go of the last reference on the port.
+    log.clear();
+    ASSERT_EQ(app().close(h), STATUS_SUCCESS);
+    EXPECT_EQ(log.count("Ambrel:Adapter: RemovePortDevice ***** release-count = 0"), 1u);
 }
 
 struct PublicationFault {

@@ -92,6 +92,8 @@ TEST(Sha1, InputAfterResultOrPastTheLengthLimitCorruptsTheContext)
 TEST(NameGuid, IsStablePerNameCaseSensitiveAndCarriesVersionAndVariant)
 {
     EXPECT_EQ("{B4AD3AD0-EE19-422B-A1DA-18607FC3D479}", nameGuid(u"Piano")); // the media category key's name
+    // Both bytes of every UTF-16 unit are hashed (U+266A has a high byte).
+    EXPECT_EQ("{F030CAA5-4AE2-4E8D-B3E5-ED37FF9195D0}", nameGuid(u"Fl\u00fcgel \u266a"));
     const std::u16string names[] = {u"Piano", u"piano", u"PIANO", u"A", u"Piano 1", u"\u00e9t\u00e9 \u266b",
                                     std::u16string(254, u'x')};
     std::set<std::string> seen;
