@@ -18,7 +18,8 @@ at the next start, should the runner have been killed outright); at the end
 the copy's `git status` must be clean. Results go to build/mutate/results.json,
 so an interrupted campaign resumes where it stopped (--fresh starts over).
 
-Mutants marked `equivalent:` in the list cannot change any observable
+Mutants marked `survives:` are faults no host test can see, with the reason;
+they count against the score. Mutants marked `equivalent:` cannot change any observable
 behaviour; they are not run (--check-equivalent runs them: one that is killed
 is not equivalent and is reported as a list error) and not counted.
 
@@ -76,6 +77,8 @@ class Mutant:
         self.replacement = unescape(fields.get("to", ""))
         self.why = fields.get("why", "")
         self.equivalent = fields.get("equivalent")
+        # A mutant no test on the host can see, and why (it still counts).
+        self.survives = fields.get("survives")
 
     @property
     def unit(self):
@@ -92,7 +95,7 @@ def unescape(text):
 
 def load_mutants(path):
     """The list: blocks headed `[id]`, then `key: value` lines (file, from,
-    to, why, equivalent). `\\n` in a value is a line break; `#` starts a
+    to, why, equivalent, survives). `\\n` in a value is a line break; `#` starts a
     comment line."""
     mutants, ident, fields, start = [], None, {}, 0
     with open(path, encoding="utf-8") as f:
@@ -257,6 +260,11 @@ def report(mutants, results):
         print("\nsurvivors:")
         for m in survivors:
             print(f"  {m.id} ({m.file}): {m.why}")
+            print(f"      {m.survives or 'NO REASON GIVEN: a test should kill it'}")
+    for m in mutants:
+        r = results.get(m.id, {})
+        if m.survives and r.get("outcome") in ("killed", "timeout") and r.get("key") == m.key():
+            print(f"  {m.id} is killed now: drop its survives: note")
     invalid = [m for m in mutants if results.get(m.id, {}).get("outcome") == "invalid"]
     for m in invalid:
         print(f"  invalid {m.id}: {results[m.id]['detail']}")

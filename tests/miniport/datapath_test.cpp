@@ -37,6 +37,7 @@ TEST(Render, EventsBecomeWholeMessages)
         {"split across events", {{0x90, 0x3C}, {0x40}}, {0x90, 0x3C, 0x40}},
         {"split across lists", {{0x90}, {0x3C}, {0x40, 0x80}, {0x3C, 0x00}}, {0x90, 0x3C, 0x40, 0x80, 0x3C, 0x00}, true},
         {"empty event", {{}}, {}},
+        {"eight bytes inline", {{0x90, 1, 1, 0x90, 2, 2, 0xC0, 5}}, {0x90, 1, 1, 0x90, 2, 2, 0xC0, 5}},
         {"long event", {sysex(20) + Bytes{0xC0, 0x05}}, sysex(20) + Bytes{0xC0, 0x05}},
     };
     for (const Row &row : rows) {
@@ -107,6 +108,17 @@ TEST(Render, MessageLargerThanTheSpaceRetriesAndIsThenStoredWhole)
     const size_t retries = log.count("amTimerDPC");
     std::this_thread::sleep_for(20ms);
     EXPECT_EQ(log.count("amTimerDPC"), retries);
+}
+
+TEST(Render, MessageThatExactlyFitsTheSpaceIsStored)
+{
+    PortHarness h;
+    fillFifo(h, 3);
+    PMXF s = h.newStream(DMUS_STREAM_MIDI_RENDER);
+    h.play(s, h.allocator.event({0x90, 0x3C, 0x40}));
+    EXPECT_EQ(h.fifoSpace(), 0u);
+    EXPECT_EQ(h.of(s)->m_RetryPending, 0);
+    EXPECT_EQ(h.readFifo().size(), 8191u);
 }
 
 TEST(Render, CompletedMessageThatDoesNotFitWaitsForTheNextEvent)

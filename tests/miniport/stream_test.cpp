@@ -150,6 +150,18 @@ TEST(Streams, WriteWithoutCaptureStreamsIsDroppedBeforeAnyWork)
     EXPECT_FALSE(log.contains("before Notify"));
     EXPECT_EQ(h.port.notified, nullptr);
     EXPECT_EQ(hostkernel::poolLiveAllocations(), live);
+
+    // The framework's service call has nothing to do either way.
+    for (bool capturing : {false, true}) {
+        if (capturing) {
+            h.newStream(DMUS_STREAM_MIDI_CAPTURE);
+        }
+        log.clear();
+        h.miniport->Service();
+        EXPECT_EQ(log.lines().back(), capturing ? "Ambrel:Miniport: CMiniportAmbrel::Service +++++ succeeded"
+                                                : "Ambrel:Miniport: CMiniportAmbrel::Service ----- We should probably "
+                                                  "clean something - but so far we can't!");
+    }
 }
 
 TEST(Streams, CaptureSinkConnectsOnceUntilDisconnected)
