@@ -93,6 +93,13 @@ protected:
         ASSERT_EQ(node_->start(), STATUS_SUCCESS);
     }
 
+    // The same with the "MaxPorts" setting in place first.
+    void bootWithMaxPorts(ULONG maxPorts)
+    {
+        hk::registry::setDword(configurationKey(), u"MaxPorts", maxPorts);
+        boot();
+    }
+
     hk::Process &process(std::uint64_t id)
     {
         processes_.push_back(std::make_unique<hk::Process>(id));

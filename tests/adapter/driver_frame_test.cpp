@@ -350,8 +350,7 @@ using RemovalOfAFullTable = DriverFixture;
 
 TEST_F(RemovalOfAFullTable, ClosesTheGateFirstThenWithdrawsEverySlotInOrder)
 {
-    hk::registry::setDword(configurationKey(), u"MaxPorts", 2);
-    boot();
+    bootWithMaxPorts(2);
     ASSERT_FALSE(HasFatalFailure());
     hk::Process &app = process(100);
     hk::Handle one = openPort(app, u"\\One"), two = openPort(app, u"\\Two");

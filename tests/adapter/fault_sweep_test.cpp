@@ -10,8 +10,7 @@ using FaultSweep = DriverFixture;
 
 TEST_F(FaultSweep, OpenPathFailsCleanlyAtEveryAllocation)
 {
-    hk::registry::setDword(configurationKey(), u"MaxPorts", 2);
-    boot();
+    bootWithMaxPorts(2);
     ASSERT_FALSE(HasFatalFailure());
     hk::Process &app = process(100);
 
