@@ -38,6 +38,8 @@ TEST(Render, EventsBecomeWholeMessages)
         {"split across lists", {{0x90}, {0x3C}, {0x40, 0x80}, {0x3C, 0x00}}, {0x90, 0x3C, 0x40, 0x80, 0x3C, 0x00}, true},
         {"empty event", {{}}, {}},
         {"eight bytes inline", {{0x90, 1, 1, 0x90, 2, 2, 0xC0, 5}}, {0x90, 1, 1, 0x90, 2, 2, 0xC0, 5}},
+        {"SysEx of the port's size", {sysex(8176)}, sysex(8176)},
+        {"SysEx one byte longer is lost", {sysex(8177) + Bytes{0xC0, 0x05}}, {0xC0, 0x05}},
         {"long event", {sysex(20) + Bytes{0xC0, 0x05}}, sysex(20) + Bytes{0xC0, 0x05}},
     };
     for (const Row &row : rows) {
