@@ -170,5 +170,21 @@ TEST_F(KernelCaller, RowsOnlyAKernelCallerCanReach)
     }
 }
 
+// The process-id query on a request that names no handle: there is no port
+// to report on.
+TEST_F(KernelCaller, ProcessIdQueryWithoutAPortIsRefused)
+{
+    PIRP irp = IoAllocateIrp(control_->StackSize, FALSE);
+    ASSERT_NE(irp, nullptr);
+    PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
+    next->MajorFunction = IRP_MJ_DEVICE_CONTROL;
+    next->Parameters.DeviceIoControl.IoControlCode = kProcessIdsCode;
+    auto result = hk::sendKernelRequest(control_, irp);
+    ASSERT_TRUE(result.has_value());
+    EXPECT_EQ(result->status, STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(result->information, 0u);
+    hk::releaseKernelRequest(irp);
+}
+
 } // namespace
 } // namespace adaptertest
