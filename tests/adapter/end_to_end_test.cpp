@@ -183,12 +183,20 @@ TEST_F(EndToEnd, APathOutlivingItsPortReachesTheSlotsNextPort)
 
 TEST_F(EndToEnd, ParkedReadTakesWhatFitsAndIsLeftToItsCanceller)
 {
-    hk::Process &app = openApp();
+    hk::Process &app = openApp(u"\\Piano\\8176");
     ASSERT_NE(port_, 0u);
     auto filter = filterOf(process(200), u"Piano");
     ASSERT_TRUE(filter);
     auto pin = runningPin(*filter, 0);
     ASSERT_TRUE(pin);
+
+    // The port's SysEx size is the one the open named: a longer SysEx is lost.
+    auto lost = Bytes(9000, 0x11);
+    lost.front() = 0xF0;
+    lost.back() = 0xF7;
+    ASSERT_EQ(pin->send(lost), STATUS_SUCCESS);
+    ASSERT_EQ(pin->send(Bytes{0x90, 0x3C, 0x00}), STATUS_SUCCESS);
+    EXPECT_EQ(readNow(app, 16), (Bytes{0x90, 0x3C, 0x00}));
 
     // A 2-byte parked read gets the first two bytes; the third stays. Bytes
     // that complete no message leave it parked.

@@ -193,7 +193,11 @@ TEST(Capture, WriteBecomesOneTimeStampedListCutByTheLargeBufferSize)
         ASSERT_TRUE(h.write(data));
         EXPECT_EQ(h.port.notifications, 1);
         EXPECT_EQ(h.port.notified, h.miniport->m_ServiceGroup);
+        LogCapture log;
         h.pump(s);
+        EXPECT_EQ(log.count("CMiniportAmbrelStream::SourceEvtsToPort ***** pushed complete event-list (" +
+                            std::to_string(row.length) + " octets) to application"),
+                  1u);
         auto lists = h.sink.lists();
         ASSERT_EQ(lists.size(), 1u);
         ASSERT_EQ(lists[0].size(), row.events.size());
