@@ -384,6 +384,9 @@ TEST_F(EndToEnd, PinLimitsAndTheRegistryOfRefusedAndClosedPins)
     ASSERT_TRUE(captureB);
     EXPECT_TRUE(log.contains("am_add_process_id (\\ambrel0) found empty slot: 1"));
     EXPECT_EQ(ids(app), (std::vector<std::uint64_t>{200, 300}));
+    // A write over the limit is refused before any of it reaches a recorder.
+    const Bytes tooLong(524289, 0xF8);
+    EXPECT_EQ(app.write(port_, tooLong.data(), ULONG(tooLong.size())).status, STATUS_TOO_MANY_COMMANDS);
     const Bytes note = {0x80, 0x3C, 0x00};
     ASSERT_EQ(app.write(port_, note.data(), 3).status, STATUS_SUCCESS);
     std::vector<midi::Message> messages;
