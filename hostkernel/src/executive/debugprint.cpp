@@ -266,6 +266,13 @@ void acknowledgeAssertions(size_t count)
 
 namespace detail {
 
+void logLine(const std::string &line)
+{
+    if (listening()) {
+        emitLine(line);
+    }
+}
+
 std::string unacknowledgedAssertionText()
 {
     Assertions &a = assertionRecord();

@@ -47,6 +47,19 @@ bool thisThreadHoldsSpinLocks();
 std::string heldSpinLockDescription();
 void forgetHeldSpinLocks(); // after a failed test: this thread holds nothing
 void setCurrentIrqlUnchecked(KIRQL irql);
+// KeRaiseIrql and KeLowerIrql on behalf of code at `site` (the loader's
+// emulation of an image's CR8 writes).
+void raiseIrqlAt(KIRQL newIrql, PKIRQL oldIrql, const void *site);
+void lowerIrqlAt(KIRQL newIrql, const void *site);
+
+// A bug check's first line, "*** STOP: 0x0000001E (0x...,0x...,0x...,0x...)".
+std::string bugCheckLine(ULONG code, ULONG_PTR p1, ULONG_PTR p2, ULONG_PTR p3, ULONG_PTR p4);
+// Writes the report and the stack to stderr and aborts, as every violation
+// and bug check does.
+[[noreturn]] void stopWithReport(const std::string &report);
+
+// One whole line of the host's own into the debug log (when anybody listens).
+void logLine(const std::string &line);
 
 // Pool.
 std::string poolLeakReport(); // empty when nothing is live

@@ -39,30 +39,45 @@ KIRQL KeGetCurrentIrql(void)
     return currentIrql;
 }
 
-void KeRaiseIrql(KIRQL newIrql, PKIRQL oldIrql)
+namespace hostkernel::detail {
+
+// The rules of KeRaiseIrql and KeLowerIrql with the caller's site given, so
+// that an image's inline CR8 writes, emulated by the loader's trap, meet the
+// same checks and name the instruction that made them.
+void raiseIrqlAt(KIRQL newIrql, PKIRQL oldIrql, const void *site)
 {
     if (newIrql < currentIrql || newIrql > HIGH_LEVEL) {
         hostkernel::reportViolation(Rule::IrqlTooHigh, "KeRaiseIrql " + levels(currentIrql, newIrql) +
-                                                           " (a raise may not lower the IRQL)" +
-                                                           callerSite(__builtin_return_address(0)));
+                                                           " (a raise may not lower the IRQL)" + callerSite(site));
     }
     *oldIrql = currentIrql;
     currentIrql = newIrql;
 }
 
-void KeLowerIrql(KIRQL newIrql)
+void lowerIrqlAt(KIRQL newIrql, const void *site)
 {
     if (newIrql > currentIrql) {
         hostkernel::reportViolation(Rule::IrqlNotRestored, "KeLowerIrql " + levels(currentIrql, newIrql) +
-                                                               " (a lower may not raise the IRQL)" +
-                                                               callerSite(__builtin_return_address(0)));
+                                                               " (a lower may not raise the IRQL)" + callerSite(site));
     }
     if (newIrql < DISPATCH_LEVEL && hostkernel::detail::thisThreadHoldsSpinLocks()) {
         hostkernel::reportViolation(Rule::IrqlNotRestored, "KeLowerIrql " + levels(currentIrql, newIrql) +
                                                                " while the thread holds a spin lock" +
-                                                               callerSite(__builtin_return_address(0)));
+                                                               callerSite(site));
     }
     currentIrql = newIrql;
+}
+
+} // namespace hostkernel::detail
+
+void KeRaiseIrql(KIRQL newIrql, PKIRQL oldIrql)
+{
+    hostkernel::detail::raiseIrqlAt(newIrql, oldIrql, __builtin_return_address(0));
+}
+
+void KeLowerIrql(KIRQL newIrql)
+{
+    hostkernel::detail::lowerIrqlAt(newIrql, __builtin_return_address(0));
 }
 
 KIRQL KeRaiseIrqlToDpcLevel(void)

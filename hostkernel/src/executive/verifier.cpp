@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "hk/ke.h"
+#include "hostkernel/loader.h"
 #include "internal.h"
 
 namespace hostkernel {
@@ -151,10 +152,29 @@ std::string hexAddress(const void *p)
     return text;
 }
 
+std::string bugCheckLine(ULONG code, ULONG_PTR p1, ULONG_PTR p2, ULONG_PTR p3, ULONG_PTR p4)
+{
+    char text[160];
+    std::snprintf(text, sizeof text, "*** STOP: 0x%08X (0x%016llX,0x%016llX,0x%016llX,0x%016llX)", code,
+                  static_cast<unsigned long long>(p1), static_cast<unsigned long long>(p2),
+                  static_cast<unsigned long long>(p3), static_cast<unsigned long long>(p4));
+    return text;
+}
+
+void stopWithReport(const std::string &report)
+{
+    stop(report);
+}
+
 std::string callerSite(const void *returnAddress)
 {
     if (returnAddress == nullptr) {
         return {};
+    }
+    // Code of a loaded driver image: the image, its offset and the link
+    // map's symbol.
+    if (std::string inImage = loader::describeAddress(returnAddress); !inImage.empty()) {
+        return " (called from " + inImage + ")";
     }
     Dl_info info{};
     std::string where;
@@ -182,11 +202,7 @@ std::string callerSite(const void *returnAddress)
 
 void KeBugCheckEx(ULONG code, ULONG_PTR p1, ULONG_PTR p2, ULONG_PTR p3, ULONG_PTR p4)
 {
-    char text[160];
-    std::snprintf(text, sizeof text, "*** STOP: 0x%08X (0x%016llX,0x%016llX,0x%016llX,0x%016llX)", code,
-                  static_cast<unsigned long long>(p1), static_cast<unsigned long long>(p2),
-                  static_cast<unsigned long long>(p3), static_cast<unsigned long long>(p4));
-    hostkernel::stop(text);
+    hostkernel::stop(hostkernel::detail::bugCheckLine(code, p1, p2, p3, p4));
 }
 
 void HkVerifyPageableCode(PCSTR file, ULONG line)

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <deque>
 
+#include "../executive/internal.h"
 #include "hostkernel/delay.h"
 #include "internal.h"
 
@@ -308,6 +309,39 @@ std::vector<std::string> queuedDpcDescriptions()
                       ") still queued");
     }
     return out;
+}
+
+void checkNoQueuedWorkIn(const std::u16string &driverName, const void *start, ULONG size)
+{
+    auto inImage = [&](PKDEFERRED_ROUTINE routine) {
+        auto at = reinterpret_cast<ULONG_PTR>(routine), base = reinterpret_cast<ULONG_PTR>(start);
+        return at >= base && at - base < size;
+    };
+    ULONG_PTR kind = 0, object = 0;
+    {
+        Engine &e = engine();
+        std::lock_guard<std::mutex> lock(e.mutex);
+        for (auto &[key, timer] : e.timers) {
+            (void)key;
+            if (timer->Dpc != nullptr && inImage(timer->Dpc->DeferredRoutine)) {
+                kind = 0; // a timer object
+                object = ULONG_PTR(timer);
+                break;
+            }
+        }
+        for (PKDPC dpc : e.queue) {
+            if (object == 0 && inImage(dpc->DeferredRoutine)) {
+                kind = 2; // a DPC object
+                object = ULONG_PTR(dpc);
+            }
+        }
+    }
+    if (object != 0) {
+        ULONG_PTR base = ULONG_PTR(start);
+        stopWithReport(bugCheckLine(0xC7, kind, object, base, base + size) + "\n*** TIMER_OR_DPC_INVALID: " +
+                       (kind == 0 ? "timer " : "DPC ") + hex(object) + " still queued, its routine in " +
+                       narrow(driverName) + ", which is being unloaded");
+    }
 }
 
 } // namespace hostkernel::detail

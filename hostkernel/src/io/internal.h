@@ -108,6 +108,9 @@ struct DriverRecord {
     UNICODE_STRING registryPathString{};
     std::set<DeviceRecord *> devices; // every device record still allocated
     bool isBus = false;
+    // The loader's hold on the driver's mapped image (loadDriverImage): let
+    // go with the record, once nothing can call the driver's code any more.
+    std::shared_ptr<void> image;
 };
 
 struct DeviceRecord {
@@ -143,6 +146,14 @@ void maybeFreeDeviceLocked(DeviceRecord *device);
 NTSTATUS createDeviceInternal(DriverRecord *driver, ULONG extensionSize, std::u16string_view name,
                               DEVICE_TYPE type, ULONG characteristics, BOOLEAN exclusive, DeviceRecord **out);
 DriverRecord *createDriverRecord(std::u16string_view serviceName, bool isBus);
+// loadDriver's machinery for any kind of entry point: the driver object is
+// made, `prepare` fills in what the loader knows (DriverInit, DriverStart,
+// the image), the entry runs in a system thread, `entryReturned` runs after
+// it whatever it returned, and a failure takes the driver object away.
+using DriverEntryCall = std::function<NTSTATUS(PDRIVER_OBJECT, PUNICODE_STRING)>;
+PDRIVER_OBJECT loadDriverWith(std::u16string_view serviceName, const DriverEntryCall &entry,
+                              const std::function<void(DriverRecord &)> &prepare, NTSTATUS *status,
+                              const std::function<void()> &entryReturned = {});
 
 // ------------------------------------------------------------------ namespace
 struct ResolvedName {
@@ -278,6 +289,9 @@ void checkFreedMemory(const void *base, size_t bytes);
 void dpcQuiesce(); // waits until no DPC is queued or running
 std::vector<std::string> queuedTimerDescriptions();
 std::vector<std::string> queuedDpcDescriptions();
+// Before an image goes: a timer or DPC still queued with its routine in the
+// image is Driver Verifier's bug check 0xC7 (TIMER_OR_DPC_INVALID).
+void checkNoQueuedWorkIn(const std::u16string &driverName, const void *start, ULONG size);
 
 // ------------------------------------------------------------------ registry
 void resetRegistry();

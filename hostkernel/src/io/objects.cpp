@@ -363,6 +363,48 @@ std::vector<std::string> liveDriverDescriptions()
     return out;
 }
 
+PDRIVER_OBJECT loadDriverWith(std::u16string_view serviceName, const DriverEntryCall &entry,
+                              const std::function<void(DriverRecord &)> &prepare, NTSTATUS *status,
+                              const std::function<void()> &entryReturned)
+{
+    requirePassive("loadDriver");
+    NTSTATUS ignored;
+    NTSTATUS &result = status != nullptr ? *status : ignored;
+    if (serviceName.empty() || serviceName.find(u'\\') != std::u16string_view::npos) {
+        result = STATUS_INVALID_PARAMETER;
+        return nullptr;
+    }
+    registry::createKey(serviceKeyPath(serviceName));
+    DriverRecord *driver = createDriverRecord(serviceName, false);
+    if (driver == nullptr) {
+        result = STATUS_OBJECT_NAME_COLLISION;
+        return nullptr;
+    }
+    prepare(*driver);
+    NTSTATUS entryStatus = STATUS_UNSUCCESSFUL;
+    runInSystemThread([&] { entryStatus = entry(&driver->object, &driver->registryPathString); }, "DriverEntry");
+    if (entryReturned) {
+        entryReturned();
+    }
+    result = entryStatus;
+
+    std::lock_guard<std::mutex> lock(gObjectsMutex);
+    if (!NT_SUCCESS(entryStatus)) {
+        if (!driver->devices.empty()) {
+            violation(Rule::ObjectReferenceLeak, "DriverEntry of " + narrow(driver->name) + " failed with " +
+                                                     hex(ULONG(entryStatus)) + " but left " +
+                                                     std::to_string(driver->devices.size()) + " device object(s)");
+        }
+        destroyDriverLocked(driver);
+        return nullptr;
+    }
+    // Devices a driver makes in DriverEntry are ready once it returns.
+    for (DeviceRecord *device : driver->devices) {
+        device->object.Flags &= ~DO_DEVICE_INITIALIZING;
+    }
+    return &driver->object;
+}
+
 } // namespace hostkernel::detail
 
 using namespace hostkernel;
@@ -583,40 +625,15 @@ std::u16string serviceKeyPath(std::u16string_view serviceName)
 
 PDRIVER_OBJECT loadDriver(std::u16string_view serviceName, PDRIVER_INITIALIZE driverEntry, NTSTATUS *status)
 {
-    requirePassive("loadDriver");
-    NTSTATUS ignored;
-    NTSTATUS &result = status != nullptr ? *status : ignored;
-    if (serviceName.empty() || serviceName.find(u'\\') != std::u16string_view::npos || driverEntry == nullptr) {
-        result = STATUS_INVALID_PARAMETER;
-        return nullptr;
-    }
-    registry::createKey(serviceKeyPath(serviceName));
-    DriverRecord *driver = createDriverRecord(serviceName, false);
-    if (driver == nullptr) {
-        result = STATUS_OBJECT_NAME_COLLISION;
-        return nullptr;
-    }
-    driver->object.DriverInit = driverEntry;
-    NTSTATUS entryStatus = STATUS_UNSUCCESSFUL;
-    runInSystemThread([&] { entryStatus = driverEntry(&driver->object, &driver->registryPathString); },
-                      "DriverEntry");
-    result = entryStatus;
-
-    std::lock_guard<std::mutex> lock(gObjectsMutex);
-    if (!NT_SUCCESS(entryStatus)) {
-        if (!driver->devices.empty()) {
-            violation(Rule::ObjectReferenceLeak, "DriverEntry of " + narrow(driver->name) + " failed with " +
-                                                     hex(ULONG(entryStatus)) + " but left " +
-                                                     std::to_string(driver->devices.size()) + " device object(s)");
+    if (driverEntry == nullptr) {
+        if (status != nullptr) {
+            *status = STATUS_INVALID_PARAMETER;
         }
-        destroyDriverLocked(driver);
         return nullptr;
     }
-    // Devices a driver makes in DriverEntry are ready once it returns.
-    for (DeviceRecord *device : driver->devices) {
-        device->object.Flags &= ~DO_DEVICE_INITIALIZING;
-    }
-    return &driver->object;
+    return detail::loadDriverWith(
+        serviceName, [&](PDRIVER_OBJECT object, PUNICODE_STRING path) { return driverEntry(object, path); },
+        [&](DriverRecord &driver) { driver.object.DriverInit = driverEntry; }, status);
 }
 
 NTSTATUS unloadDriver(PDRIVER_OBJECT driverObject)
@@ -640,6 +657,9 @@ NTSTATUS unloadDriver(PDRIVER_OBJECT driverObject)
         runInSystemThread([&] { unload(driverObject); }, "DriverUnload");
     }
     drainIo();
+    if (driverObject->DriverSize != 0) {
+        checkNoQueuedWorkIn(driver->name, driverObject->DriverStart, driverObject->DriverSize);
+    }
     std::lock_guard<std::mutex> lock(gObjectsMutex);
     if (!driver->devices.empty()) {
         std::string names;
