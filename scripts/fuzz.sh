@@ -36,7 +36,10 @@ if [ -n "$merge" ] && [ "$merge" != merge ]; then
 fi
 # A hang is a failure too: no input takes more than a fraction of a second,
 # so one still running after this long is stuck, not slow.
-options=(-max_len=1100 -timeout=30 -detect_leaks=0)
+options=(-timeout=30 -detect_leaks=0)
+# Inputs up to 1100 bytes, but whole driver images for the image loader
+# (ambrel.sys is about 80 KB).
+max_len() { if [ "$1" = peloader ]; then echo 131072; else echo 1100; fi; }
 sanitized() {
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 "$@"
 }
@@ -57,8 +60,12 @@ for bin in "${fuzzers[@]}"; do
     if [ -d "fuzz/corpus/$name" ]; then
         cp -r "fuzz/corpus/$name/." "$work/corpus/"
     fi
+    # The shipped image seeds the loader's fuzzer when the Windows build is there.
+    if [ "$name" = peloader ] && [ -f build/windows/ambrel.sys ]; then
+        cp build/windows/ambrel.sys "$work/corpus/ambrel.sys"
+    fi
     echo "fuzz.sh: $name for ${seconds}s"
-    if sanitized "$bin" -max_total_time="$seconds" "${options[@]}" -print_final_stats=1 \
+    if sanitized "$bin" -max_total_time="$seconds" -max_len="$(max_len "$name")" "${options[@]}" -print_final_stats=1 \
         -artifact_prefix="$work/artifacts/" "$work/corpus" >"$work/log" 2>&1; then
         # The final line (edges, features, corpus, inputs per second) and the
         # number of inputs run.
@@ -68,7 +75,7 @@ for bin in "${fuzzers[@]}"; do
             merged="$work/merged"
             mkdir -p "$merged" "fuzz/corpus/$name"
             find "fuzz/corpus/$name" -regextype posix-extended -maxdepth 1 -type f ! -regex '.*/[0-9a-f]{40}' -exec cp {} "$merged/" \;
-            if ! sanitized "$bin" -merge=1 "${options[@]}" "$merged" "fuzz/corpus/$name" "$work/corpus" \
+            if ! sanitized "$bin" -merge=1 -max_len="$(max_len "$name")" "${options[@]}" "$merged" "fuzz/corpus/$name" "$work/corpus" \
                 >"$work/merge.log" 2>&1; then
                 echo "fuzz.sh: merging $name FAILED; log in $work/merge.log" >&2
                 failed=1

@@ -166,6 +166,7 @@ private:
         b.assign(20 * (imports_.size() + 1), 0);
         for (std::size_t m = 0; m < imports_.size(); m++) {
             const Import &imp = imports_[m];
+            b.resize((b.size() + 7) & ~std::size_t(7), 0);
             std::uint32_t lookup = std::uint32_t(b.size());
             b.resize(b.size() + 8 * (imp.names.size() + 1), 0);
             std::uint32_t iat = std::uint32_t(b.size());

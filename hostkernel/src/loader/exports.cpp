@@ -194,6 +194,10 @@ const std::vector<Export> &table()
             HK_EXPORT(pc, PcNewServiceGroup),
             HK_EXPORT(pc, PcRegisterSubdevice),
         };
+        // By name, for the binary search of every import: names are unique
+        // across the three modules.
+        std::sort(all.begin(), all.end(),
+                  [](const Export &a, const Export &b) { return std::strcmp(a.name, b.name) < 0; });
         return all;
     }();
     return exports;
@@ -238,11 +242,12 @@ namespace hostkernel::loader {
 
 const void *hostExport(std::string_view module, std::string_view name)
 {
-    for (const detail::Export &e : detail::table()) {
-        // Export names are case-sensitive on Windows; module names are not.
-        if (name == e.name && detail::equalsIgnoringCase(module, e.module)) {
-            return e.address;
-        }
+    const auto &table = detail::table();
+    auto found = std::lower_bound(table.begin(), table.end(), name,
+                                  [](const detail::Export &e, std::string_view n) { return std::string_view(e.name) < n; });
+    // Export names are case-sensitive on Windows; module names are not.
+    if (found != table.end() && std::string_view(found->name) == name && detail::equalsIgnoringCase(module, found->module)) {
+        return found->address;
     }
     return nullptr;
 }

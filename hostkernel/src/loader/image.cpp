@@ -153,13 +153,12 @@ private:
         return false;
     }
     bool relocate(const Headers &h, std::uint64_t delta, Refusal *r);
-    bool bindImports(const Headers &h, std::string_view imageName, Refusal *r);
+    bool bindImports(const Headers &h, Refusal *r);
 
     const std::uint8_t *bytes_;
     std::size_t size_;
     std::uint8_t *mapped_ = nullptr;
     std::uint64_t imageSize_ = 0;
-    const Headers *headers_ = nullptr;
 };
 
 bool fail(Refusal *r, NTSTATUS status, std::string cause)
@@ -340,12 +339,11 @@ bool Loader::relocate(const Headers &h, std::uint64_t delta, Refusal *r)
     return true;
 }
 
-bool Loader::bindImports(const Headers &h, std::string_view imageName, Refusal *r)
+bool Loader::bindImports(const Headers &h, Refusal *r)
 {
     if (h.dirSize[kDirImport] == 0) {
         return true;
     }
-    (void)imageName;
     for (std::uint64_t descriptor = h.dirRva[kDirImport];; descriptor += 20) {
         if (!imageHas(descriptor, 20)) {
             return fail(r, STATUS_INVALID_IMAGE_FORMAT, "import descriptors run off the image (no terminator)");
@@ -436,7 +434,7 @@ bool Loader::map(const Headers &h, Image &image, Refusal *r)
     }
 
     std::uint64_t delta = ImageBuilder::base(image) - h.imageBase;
-    if (!relocate(h, delta, r) || !bindImports(h, image.name(), r)) {
+    if (!relocate(h, delta, r) || !bindImports(h, r)) {
         return false;
     }
     // Gaps between sections stay inaccessible; every section gets its own
