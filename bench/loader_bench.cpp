@@ -60,7 +60,7 @@ BENCHMARK(BM_Irql_ImageCr8Read);
 
 void BM_Irql_HostKeGetCurrentIrql(benchmark::State &state)
 {
-    KIRQL (*volatile get)() = &KeGetCurrentIrql;
+    decltype(&KeGetCurrentIrql) volatile get = &KeGetCurrentIrql;
     for (auto _ : state) {
         benchmark::DoNotOptimize(get());
     }
@@ -78,7 +78,7 @@ BENCHMARK(BM_Time_ImageSharedDataRead);
 
 void BM_Time_HostKeQueryInterruptTime(benchmark::State &state)
 {
-    ULONGLONG (*volatile get)() = &KeQueryInterruptTime;
+    decltype(&KeQueryInterruptTime) volatile get = &KeQueryInterruptTime;
     for (auto _ : state) {
         benchmark::DoNotOptimize(get());
     }

@@ -22,6 +22,13 @@ std::uint32_t fileOffsetOf(const Bytes &b, int sectionIndex)
     return get<std::uint32_t>(b, section(sectionIndex) + 20);
 }
 
+// The file offset of ntoskrnl.exe's first import lookup entry.
+std::uint32_t firstLookupEntry(const Bytes &b)
+{
+    std::uint32_t idata = fileOffsetOf(b, kIData);
+    return idata + get<std::uint32_t>(b, idata) - get<std::uint32_t>(b, section(kIData) + 12);
+}
+
 TEST(LoaderTest, MapsSectionsWithTheirProtectionsRelocatesAndBinds)
 {
     BaseImage base;
@@ -154,13 +161,13 @@ TEST(LoaderTest, RefusesMalformedImagesWithWindowsStatusesAndNamesTheCause)
          [](Bytes &b) { put<std::uint32_t>(b, kOpt + 112 + 8, get<std::uint32_t>(b, kOpt + 56) - 8); put<std::uint32_t>(b, kOpt + 116 + 8, 8); },
          NTSTATUS(0xC000007B), "import descriptors run off the image"},
         {"import name unterminated", none,
-         [](Bytes &b) { put<std::uint64_t>(b, fileOffsetOf(b, kIData) + 60, get<std::uint32_t>(b, section(kRData) + 12)); },
+         [](Bytes &b) { put<std::uint64_t>(b, firstLookupEntry(b), get<std::uint32_t>(b, section(kRData) + 12)); },
          NTSTATUS(0xC000007B), "import name at 0x4000 of ntoskrnl.exe out of the image or unterminated"},
         {"import name out of the image", none,
-         [](Bytes &b) { put<std::uint64_t>(b, fileOffsetOf(b, kIData) + 60, 0x7FFFFFF0); }, NTSTATUS(0xC000007B),
+         [](Bytes &b) { put<std::uint64_t>(b, firstLookupEntry(b), 0x7FFFFFF0); }, NTSTATUS(0xC000007B),
          "import name at 0x7ffffff0 of ntoskrnl.exe"},
         {"import name beyond 32 bits", none,
-         [](Bytes &b) { put<std::uint64_t>(b, fileOffsetOf(b, kIData) + 60, 0x100001000ull); }, NTSTATUS(0xC000007B),
+         [](Bytes &b) { put<std::uint64_t>(b, firstLookupEntry(b), 0x100001000ull); }, NTSTATUS(0xC000007B),
          "import name at 0x100001000"},
         {"unknown module", [](BaseImage &i) { i.writer.addImport("ks.sys", {"KsCreatePin"}); }, keep,
          NTSTATUS(0xC0000135), "imports from ks.sys, a module the host does not provide"},
