@@ -195,6 +195,9 @@ TEST(TrapDeathTest, OtherFaultsInAnImageAreBugChecksNamingTheInstruction)
 }
 
 // ------------------------------------------------------------------ chaining
+// Read at run time, so the compiler sees no constant bad pointer.
+volatile std::uintptr_t gFaultAddress = 0x10;
+
 void previousHandler(int, siginfo_t *info, void *)
 {
     // What a sanitizer or a test framework would see: the same fault.
@@ -210,14 +213,14 @@ TEST(TrapDeathTest, FaultsOutsideImagesGoToTheHandlerInstalledBefore)
             action.sa_flags = SA_SIGINFO;
             sigaction(SIGSEGV, &action, nullptr);
             CodeImage code({kRet}); // installs the loader's handler after this one
-            *static_cast<volatile int *>(reinterpret_cast<void *>(0x10)) = 1;
+            *reinterpret_cast<volatile int *>(gFaultAddress) = 1;
         },
         ::testing::ExitedWithCode(42), "");
     EXPECT_EXIT(
         {
             signal(SIGSEGV, SIG_DFL);
             CodeImage code({kRet});
-            *static_cast<volatile int *>(reinterpret_cast<void *>(0x10)) = 1;
+            *reinterpret_cast<volatile int *>(gFaultAddress) = 1;
         },
         ::testing::KilledBySignal(SIGSEGV), "");
 }
