@@ -146,7 +146,7 @@ TEST(LowResources, EveryInjectablePlatformCallOfTheWholeStory)
     const std::pair<hk::IoFault, const char *> io[] = {
         {hk::IoFault::CreateDevice, "IoCreateDevice"},
         {hk::IoFault::CreateSymbolicLink, "IoCreateSymbolicLink"},
-        {hk::IoFault::MapMdl, "MmGetSystemAddressForMdlSafe"},
+        {hk::IoFault::MapMdl, "MmMapLockedPagesSpecifyCache"},
         {hk::IoFault::RegisterInterface, "IoRegisterDeviceInterface"},
         {hk::IoFault::OpenInterfaceKey, "IoOpenDeviceInterfaceRegistryKey"},
         {hk::IoFault::SetInterfaceState, "IoSetDeviceInterfaceState"},

@@ -11,7 +11,7 @@ NTSTATUS gHelperResult;
 
 // The control code selects the helper and the status; the information is the
 // output length.
-NTSTATUS completingDispatch(PDEVICE_OBJECT, PIRP irp)
+NTSTATUS NTAPI completingDispatch(PDEVICE_OBJECT, PIRP irp)
 {
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     if (stack->MajorFunction != IRP_MJ_DEVICE_CONTROL) {

@@ -119,7 +119,7 @@ TEST(TimerRaceTest, NoDpcRunsAfterCancelAndFlush)
     KDPC dpc;
     KeInitializeTimer(&timer);
     KeInitializeDpc(&dpc,
-                    [](PKDPC, PVOID, PVOID, PVOID) {
+                    [](PKDPC, PVOID, PVOID, PVOID) NTAPI {
                         runs++;
                         if (stopped) {
                             lateRuns++;

@@ -86,7 +86,7 @@ void record(PIRP irp)
     g.seen.push_back(s);
 }
 
-void cancelParked(PDEVICE_OBJECT, PIRP irp)
+void NTAPI cancelParked(PDEVICE_OBJECT, PIRP irp)
 {
     IoReleaseCancelSpinLock(irp->CancelIrql);
     KIRQL irql;
@@ -128,7 +128,7 @@ PUCHAR transferBuffer(PIRP irp)
     return static_cast<PUCHAR>(irp->UserBuffer);
 }
 
-NTSTATUS dispatch(PDEVICE_OBJECT, PIRP irp)
+NTSTATUS NTAPI dispatch(PDEVICE_OBJECT, PIRP irp)
 {
     record(irp);
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
@@ -179,7 +179,7 @@ NTSTATUS dispatch(PDEVICE_OBJECT, PIRP irp)
     }
 }
 
-void unloadTestDriver(PDRIVER_OBJECT driver)
+void NTAPI unloadTestDriver(PDRIVER_OBJECT driver)
 {
     Unicode link(kLink);
     IoDeleteSymbolicLink(&link.string);
@@ -190,7 +190,7 @@ void unloadTestDriver(PDRIVER_OBJECT driver)
 
 } // namespace
 
-NTSTATUS testDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
+NTSTATUS NTAPI testDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
 {
     Unicode name(kDevice), link(kLink);
     NTSTATUS status = IoCreateDevice(driver, 64, &name.string, FILE_DEVICE_UNKNOWN, 0, FALSE, &g.device);

@@ -61,7 +61,7 @@ extern DriverState g;
 // as a dispatch routine's last statement does.
 NTSTATUS complete(PIRP irp, NTSTATUS status, ULONG_PTR information = 0, CCHAR boost = IO_NO_INCREMENT);
 
-NTSTATUS testDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
+NTSTATUS NTAPI testDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
 // Takes one parked read, as a completer does: the first whose cancel
 // routine it wins. Null when none can be claimed.
 PIRP claimParked();

@@ -105,13 +105,13 @@ TEST_F(KernelCallerTest, BuiltTransfersCarryTheDevicesBufferingAndComeBackToTheC
 std::vector<std::string> gRoutines;
 NTSTATUS gOuterReturns;
 
-NTSTATUS innerRoutine(PDEVICE_OBJECT, PIRP, PVOID)
+NTSTATUS NTAPI innerRoutine(PDEVICE_OBJECT, PIRP, PVOID)
 {
     gRoutines.push_back("inner");
     return STATUS_SUCCESS;
 }
 
-NTSTATUS outerRoutine(PDEVICE_OBJECT device, PIRP irp, PVOID context)
+NTSTATUS NTAPI outerRoutine(PDEVICE_OBJECT device, PIRP irp, PVOID context)
 {
     gRoutines.push_back(device == nullptr ? "outer (no device)" : "outer");
     *static_cast<NTSTATUS *>(context) = irp->IoStatus.Status;

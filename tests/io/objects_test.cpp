@@ -115,7 +115,7 @@ struct EntryProbe {
     int unloads = 0;
 } probe;
 
-NTSTATUS probingEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath)
+NTSTATUS NTAPI probingEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath)
 {
     probe.irql = KeGetCurrentIrql();
     probe.process = PsGetCurrentProcess();
@@ -125,7 +125,7 @@ NTSTATUS probingEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath)
     for (auto slot : driver->MajorFunction) {
         probe.slotsFilled = probe.slotsFilled && slot != nullptr;
     }
-    driver->DriverUnload = [](PDRIVER_OBJECT) { probe.unloads++; };
+    driver->DriverUnload = [](PDRIVER_OBJECT) NTAPI { probe.unloads++; };
     return STATUS_SUCCESS;
 }
 
@@ -148,7 +148,7 @@ TEST(DriverLoadTest, EntryRunsInASystemThreadAndUnloadOnce)
     EXPECT_EQ(probe.unloads, 1);
 
     // A failing entry leaves no driver behind: the name is free again.
-    auto failing = [](PDRIVER_OBJECT, PUNICODE_STRING) { return NTSTATUS(STATUS_NO_MEMORY); };
+    auto failing = [](PDRIVER_OBJECT, PUNICODE_STRING) NTAPI { return NTSTATUS(STATUS_NO_MEMORY); };
     EXPECT_EQ(hk::loadDriver(u"HkProbe", failing, &status), nullptr);
     EXPECT_EQ(status, STATUS_NO_MEMORY);
     EXPECT_FALSE(hk::objectExists(u"\\Driver\\HkProbe"));

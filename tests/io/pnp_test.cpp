@@ -28,13 +28,13 @@ struct Function {
     std::vector<UCHAR> fileMajors; // cleanup and close, in arrival order
 } f;
 
-NTSTATUS onStartCompleted(PDEVICE_OBJECT, PIRP, PVOID context)
+NTSTATUS NTAPI onStartCompleted(PDEVICE_OBJECT, PIRP, PVOID context)
 {
     KeSetEvent(static_cast<PKEVENT>(context), IO_NO_INCREMENT, FALSE);
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
-NTSTATUS functionPnp(PDEVICE_OBJECT fdo, PIRP irp)
+NTSTATUS NTAPI functionPnp(PDEVICE_OBJECT fdo, PIRP irp)
 {
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     {
@@ -76,7 +76,7 @@ NTSTATUS functionPnp(PDEVICE_OBJECT fdo, PIRP irp)
     return IoCallDriver(f.lower, irp);
 }
 
-NTSTATUS functionCreateClose(PDEVICE_OBJECT, PIRP irp)
+NTSTATUS NTAPI functionCreateClose(PDEVICE_OBJECT, PIRP irp)
 {
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     std::lock_guard<std::mutex> lock(fMutex);
@@ -89,7 +89,7 @@ NTSTATUS functionCreateClose(PDEVICE_OBJECT, PIRP irp)
     return complete(irp, STATUS_SUCCESS);
 }
 
-NTSTATUS addDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo)
+NTSTATUS NTAPI addDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo)
 {
     if (!NT_SUCCESS(f.addStatus)) {
         return f.addStatus;
@@ -103,7 +103,7 @@ NTSTATUS addDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo)
     return f.failAfterAttach ? STATUS_INSUFFICIENT_RESOURCES : STATUS_SUCCESS;
 }
 
-NTSTATUS functionEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
+NTSTATUS NTAPI functionEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
 {
     driver->DriverExtension->AddDevice = addDevice;
     driver->MajorFunction[IRP_MJ_PNP] = functionPnp;

@@ -18,7 +18,7 @@ struct DpcProbe {
     PVOID argument1 = nullptr;
     KEVENT ran;
 
-    static void routine(PKDPC, PVOID context, PVOID a1, PVOID)
+    static void NTAPI routine(PKDPC, PVOID context, PVOID a1, PVOID)
     {
         auto *self = static_cast<DpcProbe *>(context);
         self->irql = KeGetCurrentIrql();
@@ -89,7 +89,7 @@ TEST_F(TimerTest, DpcQueuesOnceAndRunsOnceOnTheDpcThreadAtDispatchLevel)
     static std::atomic<bool> release{false}, entered{false};
     KDPC blocker;
     KeInitializeDpc(&blocker,
-                    [](PKDPC, PVOID, PVOID, PVOID) {
+                    [](PKDPC, PVOID, PVOID, PVOID) NTAPI {
                         entered = true;
                         while (!release) {
                             std::this_thread::yield();

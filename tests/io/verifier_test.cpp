@@ -11,7 +11,7 @@ namespace {
 
 constexpr ULONG kCode = CTL_CODE(0x8001, 0x800, METHOD_NEITHER, FILE_ANY_ACCESS);
 
-void noCancel(PDEVICE_OBJECT, PIRP irp)
+void NTAPI noCancel(PDEVICE_OBJECT, PIRP irp)
 {
     IoReleaseCancelSpinLock(irp->CancelIrql);
 }
@@ -27,45 +27,45 @@ struct DispatchCase {
 
 const DispatchCase kDispatchCases[] = {
     {"double completion",
-     [](PDEVICE_OBJECT, PIRP irp) {
+     [](PDEVICE_OBJECT, PIRP irp) NTAPI {
          complete(irp, STATUS_SUCCESS);
          return complete(irp, STATUS_SUCCESS);
      },
      "IrpDoubleCompletion", 0},
     {"completion with a cancel routine set",
-     [](PDEVICE_OBJECT, PIRP irp) {
+     [](PDEVICE_OBJECT, PIRP irp) NTAPI {
          IoSetCancelRoutine(irp, noCancel);
          return complete(irp, STATUS_SUCCESS);
      },
      "IrpCompletedWithCancelRoutine", 0},
     {"STATUS_PENDING without IoMarkIrpPending",
-     [](PDEVICE_OBJECT, PIRP irp) {
+     [](PDEVICE_OBJECT, PIRP irp) NTAPI {
          complete(irp, STATUS_SUCCESS);
          return NTSTATUS(STATUS_PENDING);
      },
      "IrpPendingNotMarked", 0},
     {"marked pending, completed, returned a final status",
-     [](PDEVICE_OBJECT, PIRP irp) {
+     [](PDEVICE_OBJECT, PIRP irp) NTAPI {
          IoMarkIrpPending(irp);
          return complete(irp, STATUS_SUCCESS);
      },
      "IrpPendingMarkedButCompleted", 0},
     {"IRQL left raised",
-     [](PDEVICE_OBJECT, PIRP irp) {
+     [](PDEVICE_OBJECT, PIRP irp) NTAPI {
          KIRQL old;
          KeRaiseIrql(DISPATCH_LEVEL, &old);
          return complete(irp, STATUS_SUCCESS);
      },
      "IrqlNotRestored", 0},
     {"legal: marked pending, completed, returned STATUS_PENDING",
-     [](PDEVICE_OBJECT, PIRP irp) {
+     [](PDEVICE_OBJECT, PIRP irp) NTAPI {
          IoMarkIrpPending(irp);
          complete(irp, STATUS_BUFFER_OVERFLOW);
          return NTSTATUS(STATUS_PENDING);
      },
      nullptr, STATUS_BUFFER_OVERFLOW},
     {"legal: completed and returned the same status",
-     [](PDEVICE_OBJECT, PIRP irp) { return complete(irp, STATUS_DEVICE_BUSY); }, nullptr, STATUS_DEVICE_BUSY},
+     [](PDEVICE_OBJECT, PIRP irp) NTAPI { return complete(irp, STATUS_DEVICE_BUSY); }, nullptr, STATUS_DEVICE_BUSY},
 };
 
 class VerifierTest : public IoTest {
@@ -96,7 +96,7 @@ TEST_F(VerifierTest, DispatchRoutineRules)
 TEST_F(VerifierTest, PendingNotMarkedIsCaughtWhenTheLateCompletionArrives)
 {
     auto action = [this] {
-        driver_->MajorFunction[IRP_MJ_DEVICE_CONTROL] = [](PDEVICE_OBJECT, PIRP irp) {
+        driver_->MajorFunction[IRP_MJ_DEVICE_CONTROL] = [](PDEVICE_OBJECT, PIRP irp) NTAPI {
             gHeld = irp;
             return NTSTATUS(STATUS_PENDING);
         };
@@ -170,7 +170,7 @@ TEST_F(VerifierTest, TeardownAndResourceRules)
          [] {
              static KTIMER timer;
              auto *dpc = static_cast<PKDPC>(ExAllocatePoolWithTag(NonPagedPool, sizeof(KDPC), hk::tag("Test")));
-             KeInitializeDpc(dpc, [](PKDPC, PVOID, PVOID, PVOID) {}, nullptr);
+             KeInitializeDpc(dpc, [](PKDPC, PVOID, PVOID, PVOID) NTAPI {}, nullptr);
              KeInitializeTimer(&timer);
              KeSetTimer(&timer, relativeMs(60000), dpc);
              ExFreePoolWithTag(dpc, hk::tag("Test"));
@@ -182,7 +182,7 @@ TEST_F(VerifierTest, TeardownAndResourceRules)
              static std::atomic<bool> running{false};
              static KDPC blocker;
              KeInitializeDpc(&blocker,
-                             [](PKDPC, PVOID, PVOID, PVOID) {
+                             [](PKDPC, PVOID, PVOID, PVOID) NTAPI {
                                  running = true;
                                  for (;;) {
                                      std::this_thread::yield();
@@ -194,7 +194,7 @@ TEST_F(VerifierTest, TeardownAndResourceRules)
                  std::this_thread::yield();
              }
              auto *dpc = static_cast<PKDPC>(ExAllocatePoolWithTag(NonPagedPool, sizeof(KDPC), hk::tag("Test")));
-             KeInitializeDpc(dpc, [](PKDPC, PVOID, PVOID, PVOID) {}, nullptr);
+             KeInitializeDpc(dpc, [](PKDPC, PVOID, PVOID, PVOID) NTAPI {}, nullptr);
              KeInsertQueueDpc(dpc, nullptr, nullptr);
              ExFreePoolWithTag(dpc, hk::tag("Test"));
          },
@@ -209,7 +209,7 @@ TEST_F(VerifierTest, TeardownAndResourceRules)
          "ObjectDoubleRelease"},
         {"driver unloaded with its device left",
          [this] {
-             driver_->DriverUnload = [](PDRIVER_OBJECT) {};
+             driver_->DriverUnload = [](PDRIVER_OBJECT) NTAPI {};
              hk::unloadDriver(driver_);
          },
          "ObjectReferenceLeak"},

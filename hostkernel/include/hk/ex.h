@@ -17,7 +17,7 @@ typedef enum _POOL_TYPE {
 // Returns null when the pool (or an injected fault) says no. Memory is not
 // zeroed, as on Windows; the host fills it with a pattern to expose reads of
 // uninitialised pool.
-PVOID ExAllocatePoolWithTag(POOL_TYPE poolType, SIZE_T numberOfBytes, ULONG tag);
-PVOID ExAllocatePool(POOL_TYPE poolType, SIZE_T numberOfBytes);
-void ExFreePool(PVOID p);
-void ExFreePoolWithTag(PVOID p, ULONG tag);
+PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE poolType, SIZE_T numberOfBytes, ULONG tag);
+PVOID NTAPI ExAllocatePool(POOL_TYPE poolType, SIZE_T numberOfBytes);
+void NTAPI ExFreePool(PVOID p);
+void NTAPI ExFreePoolWithTag(PVOID p, ULONG tag);

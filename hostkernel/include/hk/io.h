@@ -144,19 +144,20 @@ typedef ULONG DEVICE_TYPE;
 #define EVENT_INCREMENT 1
 
 // ---------------------------------------------------------------- routine types
-typedef NTSTATUS DRIVER_INITIALIZE(struct _DRIVER_OBJECT *DriverObject, PUNICODE_STRING RegistryPath);
+typedef NTSTATUS NTAPI DRIVER_INITIALIZE(struct _DRIVER_OBJECT *DriverObject, PUNICODE_STRING RegistryPath);
 typedef DRIVER_INITIALIZE *PDRIVER_INITIALIZE;
-typedef NTSTATUS DRIVER_ADD_DEVICE(struct _DRIVER_OBJECT *DriverObject, struct _DEVICE_OBJECT *PhysicalDeviceObject);
+typedef NTSTATUS NTAPI DRIVER_ADD_DEVICE(struct _DRIVER_OBJECT *DriverObject,
+                                         struct _DEVICE_OBJECT *PhysicalDeviceObject);
 typedef DRIVER_ADD_DEVICE *PDRIVER_ADD_DEVICE;
-typedef VOID DRIVER_UNLOAD(struct _DRIVER_OBJECT *DriverObject);
+typedef VOID NTAPI DRIVER_UNLOAD(struct _DRIVER_OBJECT *DriverObject);
 typedef DRIVER_UNLOAD *PDRIVER_UNLOAD;
-typedef NTSTATUS DRIVER_DISPATCH(struct _DEVICE_OBJECT *DeviceObject, struct _IRP *Irp);
+typedef NTSTATUS NTAPI DRIVER_DISPATCH(struct _DEVICE_OBJECT *DeviceObject, struct _IRP *Irp);
 typedef DRIVER_DISPATCH *PDRIVER_DISPATCH;
-typedef VOID DRIVER_STARTIO(struct _DEVICE_OBJECT *DeviceObject, struct _IRP *Irp);
+typedef VOID NTAPI DRIVER_STARTIO(struct _DEVICE_OBJECT *DeviceObject, struct _IRP *Irp);
 typedef DRIVER_STARTIO *PDRIVER_STARTIO;
-typedef VOID DRIVER_CANCEL(struct _DEVICE_OBJECT *DeviceObject, struct _IRP *Irp);
+typedef VOID NTAPI DRIVER_CANCEL(struct _DEVICE_OBJECT *DeviceObject, struct _IRP *Irp);
 typedef DRIVER_CANCEL *PDRIVER_CANCEL;
-typedef NTSTATUS IO_COMPLETION_ROUTINE(struct _DEVICE_OBJECT *DeviceObject, struct _IRP *Irp, PVOID Context);
+typedef NTSTATUS NTAPI IO_COMPLETION_ROUTINE(struct _DEVICE_OBJECT *DeviceObject, struct _IRP *Irp, PVOID Context);
 typedef IO_COMPLETION_ROUTINE *PIO_COMPLETION_ROUTINE;
 
 // ---------------------------------------------------------------- driver object
@@ -303,27 +304,47 @@ typedef struct _MDL {
     ((ULONG)((((ULONG_PTR)(Size)) >> 12) + ((BYTE_OFFSET(Va) + ((ULONG_PTR)(Size) & (PAGE_SIZE - 1)) + PAGE_SIZE - 1) >> 12)))
 
 typedef enum _MM_PAGE_PRIORITY { LowPagePriority = 0, NormalPagePriority = 16, HighPagePriority = 32 } MM_PAGE_PRIORITY;
+typedef enum _MEMORY_CACHING_TYPE {
+    MmNonCached = 0,
+    MmCached = 1,
+    MmWriteCombined = 2,
+    MmHardwareCoherentCached,
+    MmNonCachedUnordered,
+    MmUSWCCached,
+    MmMaximumCacheType,
+    MmNotMapped = -1
+} MEMORY_CACHING_TYPE;
 
-// The system-space address of the buffer, or null when the mapping fails
-// (the host can be told to fail it: hostkernel::injectIoFault). An MDL that
+// Maps locked pages into system space: the address of the buffer, or null
+// when the mapping fails (the host can be told to fail it:
+// hostkernel::injectIoFault), or a bug check then if BugCheckOnFailure says
+// so. An MDL already mapped, or of non-paged pool, keeps its address. One that
 // describes neither locked pages nor non-paged pool cannot be mapped: that is
-// a bug check, as on Windows.
-PVOID MmGetSystemAddressForMdlSafe(PMDL Mdl, ULONG Priority);
+// a bug check, as on Windows. Host memory is one address space, so a mapping
+// is the buffer's own address whatever the mode and caching asked for.
+PVOID NTAPI MmMapLockedPagesSpecifyCache(PMDL MemoryDescriptorList, KPROCESSOR_MODE AccessMode,
+                                         MEMORY_CACHING_TYPE CacheType, PVOID RequestedAddress,
+                                         ULONG BugCheckOnFailure, ULONG Priority);
+// wdm.h's macro: the mapping an MDL already has, else a new one.
+#define MmGetSystemAddressForMdlSafe(_Mdl, _Priority)                                                  \
+    (((_Mdl)->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL))                     \
+         ? (_Mdl)->MappedSystemVa                                                                     \
+         : (PVOID)MmMapLockedPagesSpecifyCache((_Mdl), KernelMode, MmCached, NULL, FALSE, (_Priority)))
 inline ULONG MmGetMdlByteCount(PMDL Mdl) { return Mdl->ByteCount; }
 // Kernel-mode callers describe their own buffers. IoAllocateMdl takes the MDL
 // (and its page array) from non-paged pool, tag 'Mdl ', so an MDL never freed
 // is a pool leak; it returns null when the pool says no or Length is above
 // what one MDL can describe. With an Irp it becomes Irp->MdlAddress, or is
 // chained behind it when SecondaryBuffer is set.
-PMDL IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota,
-                   struct _IRP *Irp);
-void IoFreeMdl(PMDL Mdl);
+PMDL NTAPI IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota,
+                         struct _IRP *Irp);
+void NTAPI IoFreeMdl(PMDL Mdl);
 // For a buffer in non-paged pool (or any memory that cannot be paged out):
 // the MDL maps to the buffer's own address.
-void MmBuildMdlForNonPagedPool(PMDL MemoryDescriptorList);
+void NTAPI MmBuildMdlForNonPagedPool(PMDL MemoryDescriptorList);
 // Undoes the locking of MmProbeAndLockPages (which IoBuildAsynchronousFsdRequest
 // does for direct I/O), and the system mapping with it.
-void MmUnlockPages(PMDL MemoryDescriptorList);
+void NTAPI MmUnlockPages(PMDL MemoryDescriptorList);
 inline ULONG MmGetMdlByteOffset(PMDL Mdl) { return Mdl->ByteOffset; }
 inline PVOID MmGetMdlVirtualAddress(PMDL Mdl) { return (PVOID)((PCHAR)Mdl->StartVa + Mdl->ByteOffset); }
 
@@ -643,22 +664,22 @@ inline PDRIVER_CANCEL IoSetCancelRoutine(PIRP Irp, PDRIVER_CANCEL CancelRoutine)
 
 // Marks the current stack location pending. A function on the host (a macro
 // on Windows) so that the verifier sees each marking.
-void IoMarkIrpPending(PIRP Irp);
+void NTAPI IoMarkIrpPending(PIRP Irp);
 
 // ---------------------------------------------------------------- calling and completing
 // Passes the request to the driver of DeviceObject with the next stack
 // location made current; returns what the dispatch routine returned.
-NTSTATUS IoCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-#define IofCallDriver IoCallDriver
+NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+#define IoCallDriver IofCallDriver
 // Runs the completion routines upward and finishes the request. The boost is
 // recorded with the request (hostkernel::Request::priorityBoost).
-void IoCompleteRequest(PIRP Irp, CCHAR PriorityBoost);
-#define IofCompleteRequest IoCompleteRequest
+void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost);
+#define IoCompleteRequest IofCompleteRequest
 // Sets Cancel and, if a cancel routine is set, calls it at DISPATCH_LEVEL
 // with the cancel spin lock held and CancelIrql set; TRUE when it called one.
 // A packet not yet sent has no routine: it keeps Cancel set and FALSE comes
 // back, and the driver it is sent to later sees the flag.
-BOOLEAN IoCancelIrp(PIRP Irp);
+BOOLEAN NTAPI IoCancelIrp(PIRP Irp);
 
 // ---------------------------------------------------------------- requests built by kernel-mode callers
 // A packet with StackSize empty locations and no thread, file object or
@@ -667,14 +688,14 @@ BOOLEAN IoCancelIrp(PIRP Irp);
 // IoBuildAsynchronousFsdRequest, is its to free with IoFreeIrp; one still
 // allocated when the test ends is reported (ObjectReferenceLeak), one sent and
 // never completed is IrpNeverCompleted.
-PIRP IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota);
+PIRP NTAPI IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota);
 // Frees a packet the caller allocated: before it is sent, or once completion
 // has handed it back (a completion routine returned
 // STATUS_MORE_PROCESSING_REQUIRED), typically from that routine. It frees
 // neither the MDLs nor a system buffer: those are the caller's too. Freeing
 // it twice, while a driver still holds it, or freeing a packet the I/O
 // manager issued itself is ObjectDoubleRelease.
-void IoFreeIrp(PIRP Irp);
+void NTAPI IoFreeIrp(PIRP Irp);
 // IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_FLUSH_BUFFERS, IRP_MJ_SHUTDOWN, IRP_MJ_PNP
 // or IRP_MJ_POWER for the top of DeviceObject's stack, from the current
 // thread; other majors give null. Reads and writes get what the device's
@@ -695,47 +716,47 @@ void IoFreeIrp(PIRP Irp);
 // callers therefore set a completion routine that takes the result, frees the
 // MDLs (MmUnlockPages, IoFreeMdl), the system buffer and the packet, and
 // returns STATUS_MORE_PROCESSING_REQUIRED.
-PIRP IoBuildAsynchronousFsdRequest(ULONG MajorFunction, PDEVICE_OBJECT DeviceObject, PVOID Buffer, ULONG Length,
-                                   PLARGE_INTEGER StartingOffset, PIO_STATUS_BLOCK IoStatusBlock);
+PIRP NTAPI IoBuildAsynchronousFsdRequest(ULONG MajorFunction, PDEVICE_OBJECT DeviceObject, PVOID Buffer, ULONG Length,
+                                         PLARGE_INTEGER StartingOffset, PIO_STATUS_BLOCK IoStatusBlock);
 
 // ---------------------------------------------------------------- device objects and links
 // PASSIVE_LEVEL. A name already in use gives STATUS_OBJECT_NAME_COLLISION.
-NTSTATUS IoCreateDevice(PDRIVER_OBJECT DriverObject, ULONG DeviceExtensionSize, PUNICODE_STRING DeviceName,
-                        DEVICE_TYPE DeviceType, ULONG DeviceCharacteristics, BOOLEAN Exclusive,
-                        PDEVICE_OBJECT *DeviceObject);
+NTSTATUS NTAPI IoCreateDevice(PDRIVER_OBJECT DriverObject, ULONG DeviceExtensionSize, PUNICODE_STRING DeviceName,
+                              DEVICE_TYPE DeviceType, ULONG DeviceCharacteristics, BOOLEAN Exclusive,
+                              PDEVICE_OBJECT *DeviceObject);
 // The name goes at once; the object itself lives on while file objects or
 // references still hold it, and requests on such handles still reach its
 // driver (close in particular).
-void IoDeleteDevice(PDEVICE_OBJECT DeviceObject);
-PDEVICE_OBJECT IoAttachDeviceToDeviceStack(PDEVICE_OBJECT SourceDevice, PDEVICE_OBJECT TargetDevice);
-void IoDetachDevice(PDEVICE_OBJECT TargetDevice);
-PDEVICE_OBJECT IoGetAttachedDevice(PDEVICE_OBJECT DeviceObject);
-PDEVICE_OBJECT IoGetAttachedDeviceReference(PDEVICE_OBJECT DeviceObject); // referenced
-PDEVICE_OBJECT IoGetLowerDeviceObject(PDEVICE_OBJECT DeviceObject);       // referenced, or null
-PDEVICE_OBJECT IoGetRelatedDeviceObject(PFILE_OBJECT FileObject);
+void NTAPI IoDeleteDevice(PDEVICE_OBJECT DeviceObject);
+PDEVICE_OBJECT NTAPI IoAttachDeviceToDeviceStack(PDEVICE_OBJECT SourceDevice, PDEVICE_OBJECT TargetDevice);
+void NTAPI IoDetachDevice(PDEVICE_OBJECT TargetDevice);
+PDEVICE_OBJECT NTAPI IoGetAttachedDevice(PDEVICE_OBJECT DeviceObject);
+PDEVICE_OBJECT NTAPI IoGetAttachedDeviceReference(PDEVICE_OBJECT DeviceObject); // referenced
+PDEVICE_OBJECT NTAPI IoGetLowerDeviceObject(PDEVICE_OBJECT DeviceObject);       // referenced, or null
+PDEVICE_OBJECT NTAPI IoGetRelatedDeviceObject(PFILE_OBJECT FileObject);
 
 // Links live in "\??" ("\DosDevices" and "\GLOBAL??" name the same
 // directory) or anywhere else; the target need not exist.
-NTSTATUS IoCreateSymbolicLink(PUNICODE_STRING SymbolicLinkName, PUNICODE_STRING DeviceName);
-NTSTATUS IoDeleteSymbolicLink(PUNICODE_STRING SymbolicLinkName);
+NTSTATUS NTAPI IoCreateSymbolicLink(PUNICODE_STRING SymbolicLinkName, PUNICODE_STRING DeviceName);
+NTSTATUS NTAPI IoDeleteSymbolicLink(PUNICODE_STRING SymbolicLinkName);
 
 // Counted references on device and file objects.
-void ObReferenceObject(PVOID Object);
-void ObDereferenceObject(PVOID Object);
+void NTAPI ObReferenceObject(PVOID Object);
+void NTAPI ObDereferenceObject(PVOID Object);
 #define ObfReferenceObject ObReferenceObject
 #define ObfDereferenceObject ObDereferenceObject
 
 // ---------------------------------------------------------------- threads and processes
-PETHREAD PsGetCurrentThread(void);
+PETHREAD NTAPI PsGetCurrentThread(void);
 #define KeGetCurrentThread PsGetCurrentThread
 // Null for a system thread.
-PEPROCESS IoThreadToProcess(PETHREAD Thread);
-PEPROCESS PsGetCurrentProcess(void);
+PEPROCESS NTAPI IoThreadToProcess(PETHREAD Thread);
+PEPROCESS NTAPI PsGetCurrentProcess(void);
 #define IoGetCurrentProcess PsGetCurrentProcess
 // 0 for a null process.
-HANDLE PsGetProcessId(PEPROCESS Process);
+HANDLE NTAPI PsGetProcessId(PEPROCESS Process);
 // 0 in a system thread.
-HANDLE PsGetCurrentProcessId(void);
-HANDLE PsGetCurrentThreadId(void);
+HANDLE NTAPI PsGetCurrentProcessId(void);
+HANDLE NTAPI PsGetCurrentThreadId(void);
 
 #include "pnp.h"

@@ -12,26 +12,26 @@
 #define HIGH_LEVEL 15
 
 // The IRQL is per thread on the host: each real thread is its own "processor".
-KIRQL KeGetCurrentIrql(void);
-void KeRaiseIrql(KIRQL newIrql, PKIRQL oldIrql);
-void KeLowerIrql(KIRQL newIrql);
-KIRQL KeRaiseIrqlToDpcLevel(void);
+KIRQL NTAPI KeGetCurrentIrql(void);
+void NTAPI KeRaiseIrql(KIRQL newIrql, PKIRQL oldIrql);
+void NTAPI KeLowerIrql(KIRQL newIrql);
+KIRQL NTAPI KeRaiseIrqlToDpcLevel(void);
 
 // ---------------------------------------------------------------- spin locks
 // A KSPIN_LOCK is one pointer-sized word, as on Windows; the host spins on it
 // for real mutual exclusion between threads and keeps the verifier's view of
 // owners and acquisition order beside it.
-void KeInitializeSpinLock(PKSPIN_LOCK lock);
-KIRQL KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK lock);
+void NTAPI KeInitializeSpinLock(PKSPIN_LOCK lock);
+KIRQL NTAPI KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK lock);
 #define KeAcquireSpinLock(lock, oldIrql) (*(oldIrql) = KeAcquireSpinLockRaiseToDpc(lock))
-void KeReleaseSpinLock(PKSPIN_LOCK lock, KIRQL newIrql);
-void KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK lock);
-void KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK lock);
+void NTAPI KeReleaseSpinLock(PKSPIN_LOCK lock, KIRQL newIrql);
+void NTAPI KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK lock);
+void NTAPI KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK lock);
 
 // The system-wide cancel spin lock (the I/O manager holds it around cancel
 // routines).
-void IoAcquireCancelSpinLock(PKIRQL irql);
-void IoReleaseCancelSpinLock(KIRQL irql);
+void NTAPI IoAcquireCancelSpinLock(PKIRQL irql);
+void NTAPI IoReleaseCancelSpinLock(KIRQL irql);
 
 // ---------------------------------------------------------------- interlocked
 // Full barriers, as the Windows intrinsics are.
@@ -59,19 +59,19 @@ inline LONG64 InterlockedExchangeAdd64(volatile LONG64 *p, LONG64 v) { return __
 // ---------------------------------------------------------------- time
 // System time in 100-ns units since 1601, and an interrupt-time style
 // monotonic counter in 100-ns units.
-void KeQuerySystemTime(PLARGE_INTEGER time);
-ULONGLONG KeQueryInterruptTime(void);
-LARGE_INTEGER KeQueryPerformanceCounter(PLARGE_INTEGER frequency);
+void NTAPI KeQuerySystemTime(PLARGE_INTEGER time);
+ULONGLONG NTAPI KeQueryInterruptTime(void);
+LARGE_INTEGER NTAPI KeQueryPerformanceCounter(PLARGE_INTEGER frequency);
 
 // ---------------------------------------------------------------- debugging
 // DbgPrint with the kernel's format semantics; whole lines go to the host
 // log. "l" means 32 bits, "%ls"/"%ws" take UTF-16 strings, "%s" a narrow one.
-ULONG DbgPrint(PCSTR format, ...);
+ULONG NTAPI DbgPrint(PCSTR format, ...);
 // Log, count and go on: what a checked build's assertion does with no debugger
 // attached. The host verifier fails the test on an unexpected one.
-void RtlAssert(PVOID failedAssertion, PVOID fileName, ULONG lineNumber, PSTR message);
+void NTAPI RtlAssert(PVOID failedAssertion, PVOID fileName, ULONG lineNumber, PSTR message);
 // Stops the "machine": the verifier's way of reporting a rule violation.
-[[noreturn]] void KeBugCheckEx(ULONG code, ULONG_PTR p1, ULONG_PTR p2, ULONG_PTR p3, ULONG_PTR p4);
+[[noreturn]] void NTAPI KeBugCheckEx(ULONG code, ULONG_PTR p1, ULONG_PTR p2, ULONG_PTR p3, ULONG_PTR p4);
 
 // Is anybody reading debug output? One load; the driver tests it before it
 // formats anything, so a silent log costs one branch.
@@ -80,7 +80,7 @@ extern volatile LONG HkDebugOutputListening;
 
 // The check pageable code makes on entry. Windows only checks it in checked
 // builds; the host verifier always does and reports the caller.
-void HkVerifyPageableCode(PCSTR file, ULONG line);
+void NTAPI HkVerifyPageableCode(PCSTR file, ULONG line);
 #define PAGED_CODE() HkVerifyPageableCode(__FILE__, __LINE__)
 
 // Code placement (Windows: the pageable "PAGE" and discardable "INIT"

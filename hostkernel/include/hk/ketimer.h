@@ -36,8 +36,8 @@ typedef struct _DISPATCHER_HEADER {
 
 // ---------------------------------------------------------------- DPCs
 struct _KDPC;
-typedef VOID KDEFERRED_ROUTINE(struct _KDPC *Dpc, PVOID DeferredContext, PVOID SystemArgument1,
-                               PVOID SystemArgument2);
+typedef VOID NTAPI KDEFERRED_ROUTINE(struct _KDPC *Dpc, PVOID DeferredContext, PVOID SystemArgument1,
+                                     PVOID SystemArgument2);
 typedef KDEFERRED_ROUTINE *PKDEFERRED_ROUTINE;
 
 typedef enum _KDPC_IMPORTANCE { LowImportance, MediumImportance, HighImportance } KDPC_IMPORTANCE;
@@ -54,15 +54,15 @@ typedef struct _KDPC {
     volatile PVOID DpcData; // non-null while queued
 } KDPC, *PKDPC, *PRKDPC;
 
-void KeInitializeDpc(PRKDPC Dpc, PKDEFERRED_ROUTINE DeferredRoutine, PVOID DeferredContext);
+void NTAPI KeInitializeDpc(PRKDPC Dpc, PKDEFERRED_ROUTINE DeferredRoutine, PVOID DeferredContext);
 // FALSE when the DPC is already queued (its arguments are then left alone).
-BOOLEAN KeInsertQueueDpc(PRKDPC Dpc, PVOID SystemArgument1, PVOID SystemArgument2);
+BOOLEAN NTAPI KeInsertQueueDpc(PRKDPC Dpc, PVOID SystemArgument1, PVOID SystemArgument2);
 // TRUE when it was queued and is now removed; a DPC already running is not affected.
-BOOLEAN KeRemoveQueueDpc(PRKDPC Dpc);
-void KeSetImportanceDpc(PRKDPC Dpc, KDPC_IMPORTANCE Importance);
+BOOLEAN NTAPI KeRemoveQueueDpc(PRKDPC Dpc);
+void NTAPI KeSetImportanceDpc(PRKDPC Dpc, KDPC_IMPORTANCE Importance);
 // PASSIVE_LEVEL. Returns once every DPC queued before the call has run and
 // none of them is still running.
-void KeFlushQueuedDpcs(void);
+void NTAPI KeFlushQueuedDpcs(void);
 
 // ---------------------------------------------------------------- APCs
 // The host delivers no asynchronous procedure calls; the record exists because
@@ -103,36 +103,36 @@ typedef struct _KTIMER {
     ULONG Period;
 } KTIMER, *PKTIMER, *PRKTIMER;
 
-void KeInitializeTimer(PKTIMER Timer);
-void KeInitializeTimerEx(PKTIMER Timer, TIMER_TYPE Type);
+void NTAPI KeInitializeTimer(PKTIMER Timer);
+void NTAPI KeInitializeTimerEx(PKTIMER Timer, TIMER_TYPE Type);
 // DueTime negative: relative, in 100-ns units; positive: absolute system time
 // (KeQuerySystemTime's scale); zero expires at once. Returns TRUE when the
 // timer was already in the timer queue (it is then re-armed, not doubled).
-BOOLEAN KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc);
+BOOLEAN NTAPI KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc);
 // Period in milliseconds, 0 for one-shot.
-BOOLEAN KeSetTimerEx(PKTIMER Timer, LARGE_INTEGER DueTime, LONG Period, PKDPC Dpc);
+BOOLEAN NTAPI KeSetTimerEx(PKTIMER Timer, LARGE_INTEGER DueTime, LONG Period, PKDPC Dpc);
 // TRUE when the timer was in the timer queue. A DPC the timer already queued
 // is not removed: cancel, then KeFlushQueuedDpcs, to be sure it has run.
-BOOLEAN KeCancelTimer(PKTIMER Timer);
-BOOLEAN KeReadStateTimer(PKTIMER Timer);
+BOOLEAN NTAPI KeCancelTimer(PKTIMER Timer);
+BOOLEAN NTAPI KeReadStateTimer(PKTIMER Timer);
 
 // ---------------------------------------------------------------- events
 typedef struct _KEVENT {
     DISPATCHER_HEADER Header;
 } KEVENT, *PKEVENT, *PRKEVENT;
 
-void KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State);
+void NTAPI KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State);
 // Returns the previous state. Increment and Wait are accepted for the
 // signature's sake; the host gives no priority boosts to waiters.
-LONG KeSetEvent(PRKEVENT Event, LONG Increment, BOOLEAN Wait);
-void KeClearEvent(PRKEVENT Event);
-LONG KeResetEvent(PRKEVENT Event);
-LONG KeReadStateEvent(PRKEVENT Event);
+LONG NTAPI KeSetEvent(PRKEVENT Event, LONG Increment, BOOLEAN Wait);
+void NTAPI KeClearEvent(PRKEVENT Event);
+LONG NTAPI KeResetEvent(PRKEVENT Event);
+LONG NTAPI KeReadStateEvent(PRKEVENT Event);
 
 // Waits on a KEVENT or KTIMER. Timeout null: forever; negative: relative
 // (100 ns); positive: absolute system time; zero: test only (the one form
 // allowed at DISPATCH_LEVEL). STATUS_SUCCESS or STATUS_TIMEOUT.
-NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR_MODE WaitMode,
-                               BOOLEAN Alertable, PLARGE_INTEGER Timeout);
+NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR_MODE WaitMode,
+                                     BOOLEAN Alertable, PLARGE_INTEGER Timeout);
 // Sleeps the calling thread (at most APC_LEVEL).
-NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval);
+NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval);

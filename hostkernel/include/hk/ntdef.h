@@ -14,18 +14,26 @@
 static_assert(sizeof(wchar_t) == 2, "the host build needs -fshort-wchar");
 
 // ---------------------------------------------------------------- annotations
-// SAL and calling-convention decorations exist for the Windows toolchain; on
-// the host they document intent and expand to nothing.
+// SAL decorations document intent and expand to nothing. The calling
+// conventions do not: everything that crosses between driver and kernel
+// (kernel routines, the driver's callbacks, the portcls and KS interfaces)
+// uses the Windows x64 convention on the host too, so that ambrel.sys, built
+// by mingw, can call the host kernel and be called back by it. All of
+// Windows' spellings mean that one convention on x64; NTKERNELAPI and
+// NTSYSAPI (an import declaration on Windows) mark kernel exports and carry it
+// as well. GCC and clang refuse a function pointer or an override of the other
+// convention, so a callback or a method declared without it does not compile.
 #define IN
 #define OUT
 #define OPTIONAL
-#define NTAPI
-#define NTSYSAPI
-#define NTKERNELAPI
-#define STDMETHODCALLTYPE
-#define __stdcall
-#define __cdecl
-#define FASTCALL
+#define HK_MS_ABI __attribute__((ms_abi))
+#define NTAPI HK_MS_ABI
+#define NTSYSAPI HK_MS_ABI
+#define NTKERNELAPI HK_MS_ABI
+#define STDMETHODCALLTYPE HK_MS_ABI
+#define __stdcall HK_MS_ABI
+#define __cdecl HK_MS_ABI
+#define FASTCALL HK_MS_ABI
 #define DECLSPEC_NOVTABLE
 #define DECLSPEC_NOTHROW
 #define FORCEINLINE inline __attribute__((always_inline))

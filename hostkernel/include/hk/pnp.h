@@ -186,8 +186,8 @@ typedef struct _DEVICE_RELATIONS {
     struct _DEVICE_OBJECT *Objects[1];
 } DEVICE_RELATIONS, *PDEVICE_RELATIONS;
 
-typedef VOID (*PINTERFACE_REFERENCE)(PVOID Context);
-typedef VOID (*PINTERFACE_DEREFERENCE)(PVOID Context);
+typedef VOID (NTAPI *PINTERFACE_REFERENCE)(PVOID Context);
+typedef VOID (NTAPI *PINTERFACE_DEREFERENCE)(PVOID Context);
 typedef struct _INTERFACE {
     USHORT Size;
     USHORT Version;
@@ -201,15 +201,15 @@ typedef struct _INTERFACE {
 // name has Windows' form, "\??\ROOT#MEDIA#0000#{guid}\ReferenceString", and is
 // allocated from pool: free it with RtlFreeUnicodeString. Registering again
 // gives the same name.
-NTSTATUS IoRegisterDeviceInterface(struct _DEVICE_OBJECT *PhysicalDeviceObject, const GUID *InterfaceClassGuid,
-                                   PUNICODE_STRING ReferenceString, PUNICODE_STRING SymbolicLinkName);
+NTSTATUS NTAPI IoRegisterDeviceInterface(struct _DEVICE_OBJECT *PhysicalDeviceObject, const GUID *InterfaceClassGuid,
+                                         PUNICODE_STRING ReferenceString, PUNICODE_STRING SymbolicLinkName);
 // Enabling makes the link name openable; enabling an enabled interface gives
 // STATUS_OBJECT_NAME_EXISTS, disabling a disabled one
 // STATUS_OBJECT_NAME_NOT_FOUND.
-NTSTATUS IoSetDeviceInterfaceState(PUNICODE_STRING SymbolicLinkName, BOOLEAN Enable);
+NTSTATUS NTAPI IoSetDeviceInterfaceState(PUNICODE_STRING SymbolicLinkName, BOOLEAN Enable);
 // The interface's "Device Parameters" key, created on first use.
-NTSTATUS IoOpenDeviceInterfaceRegistryKey(PUNICODE_STRING SymbolicLinkName, ACCESS_MASK DesiredAccess,
-                                          PHANDLE DeviceInterfaceKey);
+NTSTATUS NTAPI IoOpenDeviceInterfaceRegistryKey(PUNICODE_STRING SymbolicLinkName, ACCESS_MASK DesiredAccess,
+                                                PHANDLE DeviceInterfaceKey);
 
 #ifndef STATUS_OBJECT_NAME_EXISTS
 #define STATUS_OBJECT_NAME_EXISTS ((NTSTATUS)0x40000000L)
@@ -217,4 +217,4 @@ NTSTATUS IoOpenDeviceInterfaceRegistryKey(PUNICODE_STRING SymbolicLinkName, ACCE
 
 // TRUE when the running system's WDM version is at least major.minor (the
 // host's version is chosen by tests: hostkernel::setWdmVersion).
-BOOLEAN IoIsWdmVersionAvailable(UCHAR MajorVersion, UCHAR MinorVersion);
+BOOLEAN NTAPI IoIsWdmVersionAvailable(UCHAR MajorVersion, UCHAR MinorVersion);

@@ -56,7 +56,7 @@ NTSTATUS deleteSymbolicLink(std::u16string_view linkName);
 enum class IoFault {
     CreateDevice,         // IoCreateDevice fails
     CreateSymbolicLink,   // IoCreateSymbolicLink fails
-    MapMdl,               // MmGetSystemAddressForMdlSafe returns null
+    MapMdl,               // MmMapLockedPagesSpecifyCache returns null (an MDL not yet mapped)
     RegisterInterface,    // IoRegisterDeviceInterface fails
     OpenInterfaceKey,     // IoOpenDeviceInterfaceRegistryKey fails
     SetInterfaceState,    // IoSetDeviceInterfaceState fails

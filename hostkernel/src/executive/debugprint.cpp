@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdarg>
 #include <map>
 #include <mutex>
 #include <string>
@@ -126,13 +125,13 @@ bool listening()
     return __atomic_load_n(&HkDebugOutputListening, __ATOMIC_ACQUIRE) != 0;
 }
 
-void print(const char *format, ...)
+void NTAPI print(const char *format, ...)
 {
-    va_list args;
-    va_start(args, format);
+    __builtin_ms_va_list args;
+    __builtin_ms_va_start(args, format);
     LineSink sink;
     hostkernel::detail::formatNarrow(sink, format, args);
-    va_end(args);
+    __builtin_ms_va_end(args);
 }
 
 // ------------------------------------------------------------------ assertions
@@ -150,17 +149,17 @@ Assertions &assertionRecord()
 
 } // namespace
 
-ULONG DbgPrint(PCSTR format, ...)
+ULONG NTAPI DbgPrint(PCSTR format, ...)
 {
     if (!listening()) {
         return 0;
     }
     startInSession();
-    va_list args;
-    va_start(args, format);
+    __builtin_ms_va_list args;
+    __builtin_ms_va_start(args, format);
     LineSink sink;
     hostkernel::detail::formatNarrow(sink, format != nullptr ? format : "(null)", args);
-    va_end(args);
+    __builtin_ms_va_end(args);
     return 0; // STATUS_SUCCESS
 }
 

@@ -2,7 +2,6 @@
 // the wide safe-string printers, and the verifier's helpers.
 #pragma once
 
-#include <cstdarg>
 #include <string>
 #include <string_view>
 
@@ -30,8 +29,10 @@ protected:
     ~FormatSink() = default;
 };
 
-void formatNarrow(FormatSink &sink, const char *format, va_list args);
-void formatWide(FormatSink &sink, const char16_t *format, va_list args);
+// The argument lists are the Windows convention's (__builtin_ms_va_start in
+// an ms_abi variadic routine), since the driver calls in with that convention.
+void formatNarrow(FormatSink &sink, const char *format, __builtin_ms_va_list args);
+void formatWide(FormatSink &sink, const char16_t *format, __builtin_ms_va_list args);
 
 // Unpaired surrogates become U+FFFD.
 std::string utf16ToUtf8(std::u16string_view text);

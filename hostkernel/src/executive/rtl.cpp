@@ -1,6 +1,6 @@
 // Run-time library: counted strings, GUID text, integer conversion and the
 // ntstrsafe printers, with the results the Windows routines give.
-#include <cstdarg>
+#include <climits>
 #include <string>
 
 #include "hk/ex.h"
@@ -76,21 +76,21 @@ public:
     std::u16string out;
 };
 
-// Copies formatted text into `cch` units of `destination` with the
-// terminator; cut to fit, the result says so.
-NTSTATUS printTerminated(PWSTR destination, size_t cch, PCWSTR format, va_list args)
+// ntstrsafe's use of _vsnwprintf: one unit of `cch` is kept back for the
+// terminator, which goes after whatever was written when the text filled or
+// overflowed the rest.
+NTSTATUS printTerminated(PWSTR destination, size_t cch, PCWSTR format, __builtin_ms_va_list args)
 {
     if (format == nullptr) {
         destination[0] = 0;
         return STATUS_INVALID_PARAMETER;
     }
-    WideSink sink;
-    hostkernel::detail::formatWide(sink, units(format), args);
     size_t room = cch - 1;
-    size_t n = sink.out.size() < room ? sink.out.size() : room;
-    memcpy(destination, sink.out.data(), n * sizeof(WCHAR));
-    destination[n] = 0;
-    return sink.out.size() > room ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
+    int written = _vsnwprintf(destination, room, format, args);
+    if (written < 0 || size_t(written) == room) {
+        destination[room] = 0;
+    }
+    return written < 0 ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
 }
 
 } // namespace
@@ -306,32 +306,53 @@ NTSTATUS RtlUnicodeStringToInteger(PCUNICODE_STRING string, ULONG base, PULONG v
 }
 
 // ------------------------------------------------------------------ ntstrsafe
-NTSTATUS RtlStringCchPrintfW(PWSTR destination, SIZE_T cchDestination, PCWSTR format, ...)
+int __cdecl _vsnwprintf(wchar_t *buffer, size_t count, const wchar_t *format, __builtin_ms_va_list args)
+{
+    // Refusals write nothing. A count beyond INT_MAX could not be answered
+    // with a count of characters, and usually is a negative number gone
+    // unsigned: no buffer is that large.
+    if (format == nullptr || (buffer == nullptr && count != 0) || count > size_t(INT_MAX)) {
+        return -1;
+    }
+    WideSink sink;
+    hostkernel::detail::formatWide(sink, units(format), args);
+    size_t length = sink.out.size();
+    size_t copied = length < count ? length : count;
+    if (copied > 0) {
+        memcpy(buffer, sink.out.data(), copied * sizeof(WCHAR));
+    }
+    if (length < count) {
+        buffer[length] = 0;
+    }
+    return length <= count ? int(length) : -1;
+}
+
+NTSTATUS NTAPI RtlStringCchPrintfW(PWSTR destination, SIZE_T cchDestination, PCWSTR format, ...)
 {
     if (destination == nullptr || cchDestination == 0 || cchDestination > NTSTRSAFE_MAX_CCH) {
         return STATUS_INVALID_PARAMETER;
     }
-    va_list args;
-    va_start(args, format);
+    __builtin_ms_va_list args;
+    __builtin_ms_va_start(args, format);
     NTSTATUS status = printTerminated(destination, cchDestination, format, args);
-    va_end(args);
+    __builtin_ms_va_end(args);
     return status;
 }
 
-NTSTATUS RtlStringCbPrintfW(PWSTR destination, SIZE_T cbDestination, PCWSTR format, ...)
+NTSTATUS NTAPI RtlStringCbPrintfW(PWSTR destination, SIZE_T cbDestination, PCWSTR format, ...)
 {
     SIZE_T cch = cbDestination / sizeof(WCHAR);
     if (destination == nullptr || cch == 0 || cch > NTSTRSAFE_MAX_CCH) {
         return STATUS_INVALID_PARAMETER;
     }
-    va_list args;
-    va_start(args, format);
+    __builtin_ms_va_list args;
+    __builtin_ms_va_start(args, format);
     NTSTATUS status = printTerminated(destination, cch, format, args);
-    va_end(args);
+    __builtin_ms_va_end(args);
     return status;
 }
 
-NTSTATUS RtlUnicodeStringPrintf(PUNICODE_STRING destination, PCWSTR format, ...)
+NTSTATUS NTAPI RtlUnicodeStringPrintf(PUNICODE_STRING destination, PCWSTR format, ...)
 {
     // A counted string needs no terminator: the whole buffer is usable and
     // Length says how much of it the text took.
@@ -344,17 +365,12 @@ NTSTATUS RtlUnicodeStringPrintf(PUNICODE_STRING destination, PCWSTR format, ...)
         return STATUS_INVALID_PARAMETER;
     }
     size_t room = destination->MaximumLength / sizeof(WCHAR);
-    WideSink sink;
-    va_list args;
-    va_start(args, format);
-    hostkernel::detail::formatWide(sink, units(format), args);
-    va_end(args);
-    size_t n = sink.out.size() < room ? sink.out.size() : room;
-    if (n > 0) {
-        memcpy(destination->Buffer, sink.out.data(), n * sizeof(WCHAR));
-    }
-    destination->Length = USHORT(n * sizeof(WCHAR));
-    return sink.out.size() > room ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
+    __builtin_ms_va_list args;
+    __builtin_ms_va_start(args, format);
+    int written = _vsnwprintf(destination->Buffer, room, format, args);
+    __builtin_ms_va_end(args);
+    destination->Length = USHORT((written < 0 ? room : size_t(written)) * sizeof(WCHAR));
+    return written < 0 ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
 }
 
 NTSTATUS RtlStringCchLengthW(PCWSTR string, SIZE_T cchMax, SIZE_T *length)
@@ -390,3 +406,17 @@ NTSTATUS RtlStringCchCopyW(PWSTR destination, SIZE_T cchDestination, PCWSTR sour
     destination[n] = 0;
     return source[n] != 0 ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
 }
+
+namespace hostkernel::ntoskrnl {
+
+void *NTAPI memcpy(void *destination, const void *source, size_t count)
+{
+    return ::memcpy(destination, source, count);
+}
+
+void *NTAPI memset(void *destination, int value, size_t count)
+{
+    return ::memset(destination, value, count);
+}
+
+} // namespace hostkernel::ntoskrnl

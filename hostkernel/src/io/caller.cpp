@@ -250,9 +250,9 @@ NTSTATUS issueTransfer(const std::shared_ptr<IrpRecord> &record, PDEVICE_OBJECT 
         if (length > 0) {
             MDL &mdl = record->mdl;
             mdl.Size = sizeof(MDL);
-            mdl.MdlFlags = MDL_PAGES_LOCKED | MDL_MAPPED_TO_SYSTEM_VA;
+            mdl.MdlFlags = MDL_PAGES_LOCKED; // probed and locked, not yet mapped into system space
             mdl.Process = record->thread->process;
-            mdl.MappedSystemVa = data;
+            mdl.MappedSystemVa = nullptr;
             mdl.StartVa = reinterpret_cast<PVOID>(ULONG_PTR(data) & ~ULONG_PTR(0xFFF));
             mdl.ByteOffset = ULONG(ULONG_PTR(data) & 0xFFF);
             mdl.ByteCount = length;
@@ -301,9 +301,9 @@ NTSTATUS issueControl(const std::shared_ptr<IrpRecord> &record, PDEVICE_OBJECT t
         if (outputLength > 0) {
             MDL &mdl = record->mdl;
             mdl.Size = sizeof(MDL);
-            mdl.MdlFlags = MDL_PAGES_LOCKED | MDL_MAPPED_TO_SYSTEM_VA;
+            mdl.MdlFlags = MDL_PAGES_LOCKED; // probed and locked, not yet mapped into system space
             mdl.Process = record->thread->process;
-            mdl.MappedSystemVa = output;
+            mdl.MappedSystemVa = nullptr;
             mdl.StartVa = reinterpret_cast<PVOID>(ULONG_PTR(output) & ~ULONG_PTR(0xFFF));
             mdl.ByteOffset = ULONG(ULONG_PTR(output) & 0xFFF);
             mdl.ByteCount = outputLength;

@@ -203,7 +203,7 @@ void IoMarkIrpPending(PIRP Irp)
     record->levels[size_t(location - record->stack0())].marked = true;
 }
 
-NTSTATUS IoCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp)
+NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp)
 {
     requireIrqlAtMost(DISPATCH_LEVEL, "IoCallDriver");
     IrpRecord *record = irpRecordOf(Irp, "IoCallDriver");
@@ -272,7 +272,7 @@ NTSTATUS IoCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp)
     return status;
 }
 
-void IoCompleteRequest(PIRP Irp, CCHAR PriorityBoost)
+void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost)
 {
     requireIrqlAtMost(DISPATCH_LEVEL, "IoCompleteRequest");
     delayPoint(DelayPoint::IrpCompletion);
@@ -383,23 +383,35 @@ BOOLEAN IoCancelIrp(PIRP Irp)
     return TRUE;
 }
 
-PVOID MmGetSystemAddressForMdlSafe(PMDL Mdl, ULONG Priority)
+PVOID NTAPI MmMapLockedPagesSpecifyCache(PMDL MemoryDescriptorList, KPROCESSOR_MODE AccessMode,
+                                         MEMORY_CACHING_TYPE CacheType, PVOID RequestedAddress,
+                                         ULONG BugCheckOnFailure, ULONG Priority)
 {
+    (void)CacheType;
     (void)Priority;
-    requireIrqlAtMost(DISPATCH_LEVEL, "MmGetSystemAddressForMdlSafe");
-    if (Mdl == nullptr || takeIoFault(IoFault::MapMdl, nullptr)) {
+    PMDL mdl = MemoryDescriptorList;
+    // User-mode mappings may fault in pages of the process, so only kernel
+    // mode is allowed up to DISPATCH_LEVEL.
+    requireIrqlAtMost(AccessMode == KernelMode ? DISPATCH_LEVEL : APC_LEVEL, "MmMapLockedPagesSpecifyCache");
+    if (RequestedAddress != nullptr) {
+        bugCheck(0x1A, 0, ULONG_PTR(mdl), "MmMapLockedPagesSpecifyCache: a base address is for user-mode mappings");
+    }
+    if (mdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL)) {
+        return mdl->MappedSystemVa;
+    }
+    if (!(mdl->MdlFlags & MDL_PAGES_LOCKED)) {
+        // Windows would map whatever the page array holds.
+        bugCheck(0x1A, 0, ULONG_PTR(mdl),
+                 "MmMapLockedPagesSpecifyCache: the MDL describes neither locked pages nor non-paged pool");
+    }
+    if (takeIoFault(IoFault::MapMdl, nullptr)) {
+        if (BugCheckOnFailure) {
+            bugCheck(0x3F, 0, ULONG_PTR(mdl), "MmMapLockedPagesSpecifyCache: NO_MORE_SYSTEM_PTES");
+        }
         return nullptr;
     }
-    if (Mdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL)) {
-        return Mdl->MappedSystemVa;
-    }
-    if (!(Mdl->MdlFlags & MDL_PAGES_LOCKED)) {
-        // Windows would map whatever the page array holds.
-        bugCheck(0x1A, 0, ULONG_PTR(Mdl),
-                 "MmGetSystemAddressForMdlSafe: the MDL describes neither locked pages nor non-paged pool");
-    }
     // Host memory is one address space: the system mapping is the buffer.
-    Mdl->MappedSystemVa = static_cast<PCHAR>(Mdl->StartVa) + Mdl->ByteOffset;
-    Mdl->MdlFlags |= MDL_MAPPED_TO_SYSTEM_VA;
-    return Mdl->MappedSystemVa;
+    mdl->MappedSystemVa = static_cast<PCHAR>(mdl->StartVa) + mdl->ByteOffset;
+    mdl->MdlFlags |= MDL_MAPPED_TO_SYSTEM_VA;
+    return mdl->MappedSystemVa;
 }

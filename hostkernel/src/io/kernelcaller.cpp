@@ -269,7 +269,7 @@ struct KernelCompletion {
 };
 
 // The caller's completion routine: it owns one reference to the shared state.
-NTSTATUS takeBack(PDEVICE_OBJECT, PIRP irp, PVOID context)
+NTSTATUS NTAPI takeBack(PDEVICE_OBJECT, PIRP irp, PVOID context)
 {
     auto *holder = static_cast<std::shared_ptr<KernelCompletion> *>(context);
     IrpRecord *record = irpRecordOf(irp, "the kernel caller's completion routine");

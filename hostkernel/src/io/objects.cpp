@@ -65,7 +65,7 @@ NTSTATUS checkNewName(std::u16string_view name, std::u16string *key)
     return STATUS_SUCCESS;
 }
 
-NTSTATUS invalidDeviceRequest(PDEVICE_OBJECT, PIRP irp)
+NTSTATUS NTAPI invalidDeviceRequest(PDEVICE_OBJECT, PIRP irp)
 {
     irp->IoStatus.Status = STATUS_INVALID_DEVICE_REQUEST;
     irp->IoStatus.Information = 0;

@@ -75,7 +75,7 @@ std::u16string guidText(const GUID &g, bool upper)
 
 // A root bus completes what reaches it: the state changes succeed, the
 // capabilities are filled in, anything else keeps the status it came with.
-NTSTATUS busDispatchPnp(PDEVICE_OBJECT, PIRP irp)
+NTSTATUS NTAPI busDispatchPnp(PDEVICE_OBJECT, PIRP irp)
 {
     PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
     NTSTATUS status = irp->IoStatus.Status;
@@ -116,7 +116,7 @@ NTSTATUS busDispatchPnp(PDEVICE_OBJECT, PIRP irp)
     return status;
 }
 
-NTSTATUS busDispatchPower(PDEVICE_OBJECT, PIRP irp)
+NTSTATUS NTAPI busDispatchPower(PDEVICE_OBJECT, PIRP irp)
 {
     PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
     NTSTATUS status = irp->IoStatus.Status;

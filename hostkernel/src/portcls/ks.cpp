@@ -79,7 +79,7 @@ public:
     NTSTATUS setState(KSSTATE target);
     void cancelReads();
     void close();
-    static VOID cancelRead(PDEVICE_OBJECT, PIRP irp);
+    static VOID NTAPI cancelRead(PDEVICE_OBJECT, PIRP irp);
 
     std::shared_ptr<Filter> filter;
     ULONG pinId = 0;

@@ -88,7 +88,7 @@ private:
 
     void finalRelease() override;
     void maybeReleaseChildren();
-    static VOID periodicDpc(PKDPC, PVOID context, PVOID, PVOID);
+    static VOID NTAPI periodicDpc(PKDPC, PVOID context, PVOID, PVOID);
 
     std::mutex mutex_;
     bool initialized_ = false;

@@ -74,7 +74,7 @@ public:
     }
 
 private:
-    static VOID dpcRoutine(PKDPC, PVOID context, PVOID, PVOID)
+    static VOID NTAPI dpcRoutine(PKDPC, PVOID context, PVOID, PVOID)
     {
         static_cast<ServiceGroup *>(context)->service();
     }
