@@ -24,7 +24,10 @@ struct Row {
 UNICODE_STRING kCountedWide = {3 * sizeof(WCHAR), 6 * sizeof(WCHAR), const_cast<PWSTR>(L"Piano")};
 ANSI_STRING kCountedNarrow = {3, 7, const_cast<PCHAR>("Violin")};
 
-#define ROW(expected, ...) {expected, [] { DbgPrint(__VA_ARGS__); }, #__VA_ARGS__}
+// Each row prints from a routine of the Windows convention, as code in
+// ambrel.sys does: the arguments arrive in its registers, shadow space and
+// stack slots.
+#define ROW(expected, ...) {expected, []() NTAPI { DbgPrint(__VA_ARGS__); }, #__VA_ARGS__}
 
 const Row kRows[] = {
     // The driver's own shapes.
@@ -68,6 +71,9 @@ const Row kRows[] = {
     ROW("counted Pia + Vio", "counted %wZ + %Z", &kCountedWide, &kCountedNarrow),
     ROW("counted (null)", "counted %wZ", static_cast<PUNICODE_STRING>(nullptr)),
     ROW("float 1.50", "float %.2f", 1.5),
+    // Past the four argument registers, a double among them.
+    ROW("mixed 7 Pi 123456789abcdef0 2.50 x ok", "mixed %d %ls %I64x %.2f %c %s", 7, u"Pi", 0x123456789ABCDEF0ull,
+        2.5, 'x', "ok"),
     // What the kernel does not know goes out as it stands.
     ROW("odd %y and %", "odd %y and %"),
     ROW("count  written", "count %n written", static_cast<int *>(nullptr)),

@@ -181,6 +181,58 @@ TEST(Rtl, SafePrintersCutAndTerminate)
     }
 }
 
+// ntoskrnl's _vsnwprintf as ntstrsafe's inline printers call it: from a
+// variadic routine of the Windows convention that hands on its list.
+int NTAPI printInto(wchar_t *buffer, size_t count, const wchar_t *format, ...)
+{
+    __builtin_ms_va_list args;
+    __builtin_ms_va_start(args, format);
+    int written = _vsnwprintf(buffer, count, format, args);
+    __builtin_ms_va_end(args);
+    return written;
+}
+
+#define VSN_ROW(name, buffered, count, result, contents, ...)                                            \
+    {                                                                                                    \
+        name, buffered, count, [](wchar_t *b, size_t n) { return printInto(b, n, __VA_ARGS__); }, result, \
+            std::u16string(contents, sizeof(contents) / sizeof(char16_t) - 1)                            \
+    }
+
+TEST(Rtl, VsnwprintfTerminatesOnlyWhatFitsWithRoomToSpare)
+{
+    struct Case {
+        const char *name;
+        bool buffered; // false: a null buffer
+        size_t count;
+        int (*print)(wchar_t *, size_t);
+        int result;
+        std::u16string contents; // the whole 10-unit buffer afterwards
+    };
+    const Case cases[] = {
+        VSN_ROW("room to spare", true, 10, 7, u"ambrel7\0??", L"ambrel%d", 7),
+        VSN_ROW("room for the terminator", true, 8, 7, u"ambrel7\0??", L"ambrel%d", 7),
+        VSN_ROW("exactly full: no terminator", true, 7, 7, u"ambrel7???", L"ambrel%d", 7),
+        VSN_ROW("one short: cut, no terminator", true, 6, -1, u"ambrel????", L"ambrel%d", 7),
+        VSN_ROW("no room", true, 0, -1, u"??????????", L"ambrel%d", 7),
+        VSN_ROW("nothing into no room", true, 0, 0, u"??????????", L""),
+        VSN_ROW("nothing", true, 1, 0, u"\0?????????", L""),
+        VSN_ROW("arguments past the registers", true, 10, 9, u"Pi|1f|no!\0", L"%s|%I64x|%hs%c", L"Pi",
+                0x1Full, "no", L'!'),
+        VSN_ROW("a double among them", true, 10, 8, u"2.50|x|7\0?", L"%.2f|%hc|%d", 2.5, 'x', 7),
+        VSN_ROW("null buffer, no count", false, 0, -1, u"??????????", L"x"),
+        VSN_ROW("null buffer with a count", false, 5, -1, u"??????????", L"x"),
+        VSN_ROW("null format", true, 10, -1, u"??????????", static_cast<const wchar_t *>(nullptr)),
+        VSN_ROW("a negative count", true, size_t(-1), -1, u"??????????", L"x"),
+        VSN_ROW("a count above INT_MAX", true, size_t(2147483648u), -1, u"??????????", L"x"),
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        std::u16string buffer(10, u'?');
+        EXPECT_EQ(c.print(c.buffered ? reinterpret_cast<wchar_t *>(buffer.data()) : nullptr, c.count), c.result);
+        EXPECT_EQ(buffer, c.contents);
+    }
+}
+
 TEST(Rtl, CountedStringPrinterFillsWithoutTerminator)
 {
     struct Case {
@@ -197,11 +249,13 @@ TEST(Rtl, CountedStringPrinterFillsWithoutTerminator)
         {11, 0, STATUS_INVALID_PARAMETER, u""}, // odd byte count
         {8, 10, STATUS_INVALID_PARAMETER, nullptr}, // Length beyond the buffer
     };
+    // Called as the driver calls it, arguments past the registers included.
+    auto print = [](PUNICODE_STRING s) NTAPI { return RtlUnicodeStringPrintf(s, L"%s%I64d%c", L"ambrel", 1ll, L'2'); };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.maximumLength);
         WCHAR buffer[16];
         UNICODE_STRING s{c.length, c.maximumLength, buffer};
-        EXPECT_EQ(RtlUnicodeStringPrintf(&s, L"ambrel%d", 12), c.status);
+        EXPECT_EQ(print(&s), c.status);
         if (c.result != nullptr) {
             EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t *>(buffer), s.Length / sizeof(WCHAR)),
                       c.result);

@@ -101,6 +101,50 @@ TEST_F(KernelCallerTest, BuiltTransfersCarryTheDevicesBufferingAndComeBackToTheC
     }
 }
 
+// wdm.h's MmGetSystemAddressForMdlSafe asks MmMapLockedPagesSpecifyCache only
+// for an MDL without a system address; the mapping, and the MapMdl fault, are
+// that routine's.
+TEST_F(KernelCallerTest, OnlyAnMdlWithoutASystemAddressIsMapped)
+{
+    enum class Kind { Locked, LockedAndMapped, NonPagedPool };
+    const struct {
+        const char *name;
+        Kind kind;
+        bool fault; // a MapMdl fault armed before the call
+        bool mapped; // an address comes back
+        bool faultTaken;
+    } cases[] = {
+        {"locked pages are mapped", Kind::Locked, false, true, false},
+        {"locked pages, the mapping fails", Kind::Locked, true, false, true},
+        {"an existing mapping is kept", Kind::LockedAndMapped, true, true, false},
+        {"non-paged pool needs no mapping", Kind::NonPagedPool, true, true, false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        UCHAR buffer[64];
+        PMDL mdl = IoAllocateMdl(buffer + 3, 40, FALSE, FALSE, nullptr);
+        ASSERT_NE(mdl, nullptr);
+        if (c.kind == Kind::NonPagedPool) {
+            MmBuildMdlForNonPagedPool(mdl);
+        } else {
+            mdl->MdlFlags |= MDL_PAGES_LOCKED; // what MmProbeAndLockPages leaves
+        }
+        if (c.kind == Kind::LockedAndMapped) {
+            ASSERT_EQ(MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority),
+                      buffer + 3);
+        }
+        if (c.fault) {
+            hk::injectIoFault(hk::IoFault::MapMdl);
+        }
+        EXPECT_EQ(MmGetSystemAddressForMdlSafe(mdl, NormalPagePriority), c.mapped ? buffer + 3 : nullptr);
+        EXPECT_EQ(hk::ioFaultArmed(hk::IoFault::MapMdl), c.fault && !c.faultTaken);
+        // A mapping is recorded in the MDL, where the macro finds it next time.
+        EXPECT_EQ((mdl->MdlFlags & MDL_MAPPED_TO_SYSTEM_VA) != 0, c.mapped && c.kind != Kind::NonPagedPool);
+        hk::clearIoFaults();
+        IoFreeMdl(mdl);
+    }
+}
+
 // Completion routines, recorded in the order they run.
 std::vector<std::string> gRoutines;
 NTSTATUS gOuterReturns;
@@ -255,6 +299,22 @@ TEST_F(KernelCallerTest, MishandledPacketsAreReported)
              hk::verifyIoQuiescent();
          },
          "IrpNeverCompleted.*IRP_MJ_READ"},
+        {"unlocked pages mapped",
+         [] {
+             UCHAR buffer[8];
+             PMDL mdl = IoAllocateMdl(buffer, sizeof buffer, FALSE, FALSE, nullptr);
+             MmGetSystemAddressForMdlSafe(mdl, NormalPagePriority);
+         },
+         "neither locked pages nor non-paged pool.*\\*\\*\\* STOP: 0x0000001A"},
+        {"a failed mapping that must not fail",
+         [] {
+             UCHAR buffer[8];
+             PMDL mdl = IoAllocateMdl(buffer, sizeof buffer, FALSE, FALSE, nullptr);
+             mdl->MdlFlags |= MDL_PAGES_LOCKED;
+             hk::injectIoFault(hk::IoFault::MapMdl);
+             MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, TRUE, NormalPagePriority);
+         },
+         "NO_MORE_SYSTEM_PTES.*\\*\\*\\* STOP: 0x0000003F"},
         {"MDL never freed",
          [] {
              PIRP irp = smallRequest(IRP_MJ_WRITE);
