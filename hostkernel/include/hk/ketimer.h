@@ -69,10 +69,10 @@ void NTAPI KeFlushQueuedDpcs(void);
 // Windows overlays one on a request's tail (IRP.Tail.Apc), which gives the
 // request its size.
 struct _KAPC;
-typedef VOID (*PKKERNEL_ROUTINE)(struct _KAPC *Apc, PVOID *NormalRoutine, PVOID *NormalContext,
-                                 PVOID *SystemArgument1, PVOID *SystemArgument2);
-typedef VOID (*PKRUNDOWN_ROUTINE)(struct _KAPC *Apc);
-typedef VOID (*PKNORMAL_ROUTINE)(PVOID NormalContext, PVOID SystemArgument1, PVOID SystemArgument2);
+typedef VOID (NTAPI *PKKERNEL_ROUTINE)(struct _KAPC *Apc, PVOID *NormalRoutine, PVOID *NormalContext,
+                                       PVOID *SystemArgument1, PVOID *SystemArgument2);
+typedef VOID (NTAPI *PKRUNDOWN_ROUTINE)(struct _KAPC *Apc);
+typedef VOID (NTAPI *PKNORMAL_ROUTINE)(PVOID NormalContext, PVOID SystemArgument1, PVOID SystemArgument2);
 
 typedef struct _KAPC {
     UCHAR Type;
