@@ -121,13 +121,4 @@ void resetLockOrderHistory();
 // lock-order history, the record of assertions.
 void resetBetweenTests();
 
-// ------------------------------------------------------------------ C run-time exports
-// ntoskrnl exports the C library's memcpy and memset, and ambrel.sys imports
-// them from it, calling them in the Windows convention. The global ones are
-// the host C library's, in the host's convention; these are the image's.
-namespace ntoskrnl {
-void *NTAPI memcpy(void *destination, const void *source, size_t count);
-void *NTAPI memset(void *destination, int value, size_t count);
-} // namespace ntoskrnl
-
 } // namespace hostkernel

@@ -406,17 +406,3 @@ NTSTATUS RtlStringCchCopyW(PWSTR destination, SIZE_T cchDestination, PCWSTR sour
     destination[n] = 0;
     return source[n] != 0 ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
 }
-
-namespace hostkernel::ntoskrnl {
-
-void *NTAPI memcpy(void *destination, const void *source, size_t count)
-{
-    return ::memcpy(destination, source, count);
-}
-
-void *NTAPI memset(void *destination, int value, size_t count)
-{
-    return ::memset(destination, value, count);
-}
-
-} // namespace hostkernel::ntoskrnl

@@ -3,8 +3,8 @@
 //
 // Each entry names the routine itself (&::Name), so a routine the host lacks
 // is a compile error and one it declares but never defines a link error,
-// never a null in an import address table. Once the host's routines use the
-// Windows x64 calling convention, an entry whose routine does not is a
+// never a null in an import address table. The host's routines use the
+// Windows x64 calling convention, so an entry whose routine does not is a
 // compile error as well: the image would call it with its arguments in the
 // wrong registers.
 #include <algorithm>
@@ -50,6 +50,13 @@ template <typename R, typename... A> const void *routine(R (*fn)(A..., ...))
 {
     static_assert(AlwaysTrue<R>::value && !kHostUsesWindowsAbi,
                   "a host routine an image imports must use the Windows x64 calling convention");
+    return reinterpret_cast<const void *>(fn);
+}
+
+// The type of _vsnwprintf's list is no template argument (g++ drops its
+// attribute), so the convention is checked by this one parameter type.
+const void *vsnwprintf(int(HK_WINDOWS_ABI *fn)(wchar_t *, size_t, const wchar_t *, __builtin_ms_va_list))
+{
     return reinterpret_cast<const void *>(fn);
 }
 
@@ -130,6 +137,7 @@ const std::vector<Export> &table()
             HK_EXPORT(nt, RtlStringCchPrintfW),
             HK_EXPORT(nt, RtlStringCchCopyW),
             HK_EXPORT(nt, RtlStringCchLengthW),
+            Export{nt, "_vsnwprintf", vsnwprintf(&::_vsnwprintf)},
             Export{nt, "memcpy", routine(&windowsMemcpy)},
             Export{nt, "memmove", routine(&windowsMemmove)},
             Export{nt, "memset", routine(&windowsMemset)},
@@ -148,14 +156,14 @@ const std::vector<Export> &table()
             HK_EXPORT(nt, IoAllocateIrp),
             HK_EXPORT(nt, IoFreeIrp),
             HK_EXPORT(nt, IoBuildAsynchronousFsdRequest),
-            HK_EXPORT(nt, IoCallDriver),
+            HK_EXPORT(nt, IofCallDriver),
             HK_EXPORT(nt, IoCancelIrp),
-            HK_EXPORT(nt, IoCompleteRequest),
+            HK_EXPORT(nt, IofCompleteRequest),
             HK_EXPORT(nt, IoMarkIrpPending),
             HK_EXPORT(nt, IoAllocateMdl),
             HK_EXPORT(nt, IoFreeMdl),
             HK_EXPORT(nt, MmBuildMdlForNonPagedPool),
-            HK_EXPORT(nt, MmGetSystemAddressForMdlSafe),
+            HK_EXPORT(nt, MmMapLockedPagesSpecifyCache),
             HK_EXPORT(nt, MmUnlockPages),
             HK_EXPORT(nt, ObReferenceObject),
             HK_EXPORT(nt, ObDereferenceObject),
