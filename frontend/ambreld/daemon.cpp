@@ -34,6 +34,7 @@
 #include "adapter/porttable.h"
 #include "ambrel/mount.h"
 #include "pins.h"
+#include "portlink.h"
 #include "ports.h"
 #include "reader.h"
 #include "status_errno.h"
@@ -287,6 +288,11 @@ struct OwnerFile : OpenFile {
             reader->join();
             reader.reset();
         }
+        // The port's pins learn it at once: their writers and readers are
+        // answered instead of playing into a port that is no more.
+        if (link) {
+            link->withdraw(stopping != nullptr && stopping->load() ? ENODEV : ESHUTDOWN);
+        }
         process.reset();
     }
 
@@ -296,6 +302,8 @@ struct OwnerFile : OpenFile {
     bool canWrite = false;
     std::u16string name;            // the port's name as the driver took it
     std::u16string referenceString; // "ambrelN"
+    std::shared_ptr<PortLink> link;  // the port as its pins need it
+    const std::atomic<bool> *stopping = nullptr;
     std::unique_ptr<AsyncReader> reader;
     std::mutex mutex;
     std::shared_ptr<hk::Request> current;
@@ -325,8 +333,10 @@ struct State {
     NodeTable nodes;
     std::mutex filesMutex;
     std::unordered_map<std::uint64_t, std::shared_ptr<OpenFile>> files; // by file handle number
+    std::condition_variable filesAdded;
     std::uint64_t nextFileHandle = 1;
     std::time_t started = std::time(nullptr);
+    std::atomic<bool> stopping{false}; // ports are withdrawn because ambreld stops
     uid_t uid = getuid();
     gid_t gid = getgid();
 };
@@ -338,6 +348,7 @@ std::uint64_t addFile(std::shared_ptr<OpenFile> f)
     std::lock_guard<std::mutex> lock(gState->filesMutex);
     std::uint64_t fh = gState->nextFileHandle++;
     gState->files.emplace(fh, std::move(f));
+    gState->filesAdded.notify_all();
     return fh;
 }
 
@@ -384,7 +395,10 @@ private:
     std::shared_ptr<OpenFile> file_;
 };
 
-OwnerFile *ownerOf(const std::u16string &referenceString, std::shared_ptr<hk::Process> *process, hk::Handle *handle)
+// The owner's file of a published port: its process and handle, and the
+// port's link. Null when no open owner's file names that port.
+OwnerFile *ownerOf(const std::u16string &referenceString, std::shared_ptr<hk::Process> *process, hk::Handle *handle,
+                   std::shared_ptr<PortLink> *link = nullptr)
 {
     std::lock_guard<std::mutex> lock(gState->filesMutex);
     for (auto &entry : gState->files) {
@@ -393,6 +407,9 @@ OwnerFile *ownerOf(const std::u16string &referenceString, std::shared_ptr<hk::Pr
             if (o->referenceString == referenceString && o->process) {
                 *process = o->process;
                 *handle = o->handle;
+                if (link != nullptr) {
+                    *link = o->link;
+                }
                 return o;
             }
         }
@@ -617,7 +634,11 @@ std::string infoText(hk::Process &reader, const PortView &p)
     out << describeFilter(reader, p);
     std::shared_ptr<hk::Process> owner;
     hk::Handle handle = 0;
-    if (ownerOf(p.referenceString, &owner, &handle) != nullptr) {
+    std::shared_ptr<PortLink> link;
+    if (ownerOf(p.referenceString, &owner, &handle, &link) != nullptr) {
+        if (link) {
+            out << "sysex-size: " << link->sysexSize() << "\n";
+        }
         out << "owner: " << owner->id() << "\n";
         // The owner's own query, made on its handle as the owner.
         std::uint64_t ids[16] = {};
@@ -631,6 +652,29 @@ std::string infoText(hk::Process &reader, const PortView &p)
         out << "\n";
     }
     return out.str();
+}
+
+// The link of a listed port. The driver publishes a port inside its owner's
+// open, a moment before the daemon files the owner's handle: a pin opened in
+// that moment waits for it (a port that goes meanwhile has none).
+std::shared_ptr<PortLink> waitForOwner(const PortView &port)
+{
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    for (;;) {
+        std::shared_ptr<hk::Process> process;
+        hk::Handle handle = 0;
+        std::shared_ptr<PortLink> link;
+        if (ownerOf(port.referenceString, &process, &handle, &link) != nullptr) {
+            return link;
+        }
+        PortView again;
+        if (!findPortByDirName(port.dirName, &again) || again.referenceString != port.referenceString ||
+            std::chrono::steady_clock::now() > until) {
+            return nullptr;
+        }
+        std::unique_lock<std::mutex> lock(gState->filesMutex);
+        gState->filesAdded.wait_for(lock, std::chrono::milliseconds(10));
+    }
 }
 
 // The kernel's answer to an open, as <linux/fuse.h> lays it out. libfuse
@@ -709,7 +753,9 @@ void openControl(fuse_req_t req, const std::string &fileName, struct fuse_file_i
         const auto *port = static_cast<const MidiPort *>(fo->FsContext);
         file->name = reinterpret_cast<const char16_t *>(port->Name);
         file->referenceString = reinterpret_cast<const char16_t *>(port->ReferenceString);
+        file->link = PortLink::of(const_cast<MidiPort *>(port));
     }
+    file->stopping = &gState->stopping;
     file->start();
     replyOpen(req, fi, std::move(file));
 }
@@ -762,12 +808,19 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi)
             fuse_reply_err(req, EACCES);
             return;
         }
+        // The port's owner holds its link; a port published by no file of
+        // ours (its owner closing right now) is as good as gone.
+        std::shared_ptr<PortLink> link = waitForOwner(p);
+        if (!link) {
+            fuse_reply_err(req, ENOENT);
+            return;
+        }
         std::shared_ptr<hk::Process> client = callerProcess(req);
         if (!client) {
             return;
         }
         std::unique_ptr<PinFile> pin;
-        NTSTATUS status = PinFile::open(std::move(client), p, node.kind == Kind::Out, &pin);
+        NTSTATUS status = PinFile::open(std::move(client), p, std::move(link), node.kind == Kind::Out, &pin);
         if (!NT_SUCCESS(status)) {
             fuse_reply_err(req, errnoFromPinStatus(status));
             return;
@@ -843,12 +896,8 @@ void opWrite(fuse_req_t req, fuse_ino_t, const char *buf, size_t size, off_t, st
         return;
     }
     if (f->kind == Kind::Out) {
-        NTSTATUS status = static_cast<PinOpenFile *>(f)->pin->write(reinterpret_cast<const std::uint8_t *>(buf), size);
-        if (!NT_SUCCESS(status)) {
-            fuse_reply_err(req, errnoFromPinStatus(status));
-            return;
-        }
-        fuse_reply_write(req, size);
+        static_cast<PinOpenFile *>(f)->pin->write(req, reinterpret_cast<const std::uint8_t *>(buf), size,
+                                                  (fi->flags & O_NONBLOCK) != 0);
         return;
     }
     fuse_reply_err(req, EBADF);
@@ -914,7 +963,8 @@ void opPoll(fuse_req_t req, fuse_ino_t, struct fuse_file_info *fi, struct fuse_p
         revents |= static_cast<PinOpenFile *>(f)->pin->poll(ph);
         ph = nullptr;
     } else if (f->kind == Kind::Out) {
-        revents |= POLLOUT | POLLWRNORM;
+        revents |= static_cast<PinOpenFile *>(f)->pin->poll(ph);
+        ph = nullptr;
     } else {
         revents |= POLLIN | POLLRDNORM;
     }
@@ -924,9 +974,22 @@ void opPoll(fuse_req_t req, fuse_ino_t, struct fuse_file_info *fi, struct fuse_p
     fuse_reply_poll(req, revents);
 }
 
-void opFlush(fuse_req_t req, fuse_ino_t, struct fuse_file_info *)
+// A writer's close and fsync wait until what it wrote is in the driver, and
+// say so when it cannot be.
+void opFlush(fuse_req_t req, fuse_ino_t, struct fuse_file_info *fi)
 {
+    FileUse use(fi->fh);
+    OpenFile *f = use.get();
+    if (f != nullptr && f->kind == Kind::Out) {
+        static_cast<PinOpenFile *>(f)->pin->flush(req);
+        return;
+    }
     fuse_reply_err(req, 0);
+}
+
+void opFsync(fuse_req_t req, fuse_ino_t ino, int, struct fuse_file_info *fi)
+{
+    opFlush(req, ino, fi);
 }
 
 void opRelease(fuse_req_t req, fuse_ino_t, struct fuse_file_info *fi)
@@ -1145,6 +1208,7 @@ int run(const Config &config)
     ops.ioctl = opIoctl;
     ops.poll = opPoll;
     ops.flush = opFlush;
+    ops.fsync = opFsync;
     ops.release = opRelease;
     ops.create = opCreate;
     ops.mknod = opMknod;
@@ -1203,12 +1267,22 @@ int run(const Config &config)
                 // (their waiting reads end, their ports are withdrawn); the
                 // adapter's removal then finds nothing left to tear down.
                 std::vector<std::shared_ptr<OpenFile>> left;
+                state.stopping = true;
                 {
                     std::lock_guard<std::mutex> lock(state.filesMutex);
                     for (auto &entry : state.files) {
                         left.push_back(std::move(entry.second));
                     }
                     state.files.clear();
+                }
+                // Pins hear first that their ports go, so none waits to hand
+                // on bytes that no owner will read.
+                for (auto &f : left) {
+                    if (f->kind == Kind::Control) {
+                        if (auto link = static_cast<OwnerFile *>(f.get())->link) {
+                            link->withdraw(ENODEV);
+                        }
+                    }
                 }
                 std::stable_partition(left.begin(), left.end(), [](const std::shared_ptr<OpenFile> &f) {
                     return f->kind != Kind::Control;

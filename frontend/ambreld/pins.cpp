@@ -4,6 +4,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
 #include <cstring>
 #include <sstream>
 #include <thread>
@@ -18,6 +21,8 @@
 namespace ambreld {
 
 namespace hk = hostkernel;
+
+const std::chrono::milliseconds kDrainPatience{5000};
 
 namespace {
 
@@ -99,31 +104,337 @@ public:
     }
 };
 
+// A render pin hands the driver whole messages, and only as many as the
+// port's FIFO has room for: what the render stream cannot place it would
+// keep in a queue that the pin's close throws away. Bytes wait here instead,
+// and the write that brought them is answered once they are in the driver.
 class RenderPin : public PinBase {
 public:
-    NTSTATUS write(const std::uint8_t *data, std::size_t length) override
+    explicit RenderPin(std::shared_ptr<PortLink> link)
+        : link_(std::move(link)), framer_(link_->sysexSize())
     {
-        if (!pin_) {
-            return STATUS_INVALID_HANDLE;
-        }
-        return pin_->send(std::vector<std::uint8_t>(data, data + length));
     }
+    ~RenderPin() override { close(); }
+
+    void start()
+    {
+        listener_ = link_->listen([this] {
+            std::lock_guard<std::mutex> lock(m_);
+            cv_.notify_all();
+        });
+        thread_ = std::thread([this] { pump(); });
+    }
+
+    void write(fuse_req_t req, const std::uint8_t *data, std::size_t length, bool nonBlocking) override
+    {
+        if (!nonBlocking) {
+            watchInterrupt(req);
+        }
+        std::unique_lock<std::mutex> lock(m_);
+        if (int gone = goneLocked()) {
+            fuse_reply_err(req, gone);
+            return;
+        }
+        if (nonBlocking && !pending_.empty()) {
+            fuse_reply_err(req, EAGAIN);
+            return;
+        }
+        std::uint64_t base = framer_.fed();
+        std::size_t taken = 0;
+        ambrel::midi::Framer::Fault fault = framer_.feed(data, length, [&](const std::uint8_t *m, std::size_t n) {
+            pending_.emplace_back(m, m + n);
+            ++queued_;
+        }, &taken);
+        std::size_t accepted = length;
+        int error = 0;
+        if (fault != ambrel::midi::Framer::Fault::None) {
+            // What came before the broken message is written (a short
+            // write); the broken message is dropped and said.
+            accepted = taken;
+            if (framer_.begun() > 0) {
+                accepted = framer_.begunAt() >= base ? std::size_t(framer_.begunAt() - base) : 0;
+                framer_.dropBegun();
+            }
+            if (accepted == 0) {
+                error = fault == ambrel::midi::Framer::Fault::SysexTooLong ? EMSGSIZE : EBADMSG;
+            }
+        }
+        sendLocked();
+        if (int gone = goneLocked()) {
+            error = gone;
+        }
+        if (!pending_.empty()) {
+            cv_.notify_all(); // the pump hands on the rest
+        }
+        if (pending_.empty() || nonBlocking || error != 0 || fuse_req_interrupted(req)) {
+            replyWrite(req, accepted, error);
+            return;
+        }
+        waiters_.push_back(Waiter{req, false, accepted, queued_});
+    }
+
+    void flush(fuse_req_t req) override
+    {
+        watchInterrupt(req);
+        std::lock_guard<std::mutex> lock(m_);
+        if (pending_.empty() || goneLocked() != 0) {
+            replyFlush(req);
+            return;
+        }
+        if (fuse_req_interrupted(req)) {
+            fuse_reply_err(req, EINTR);
+            return;
+        }
+        waiters_.push_back(Waiter{req, true, 0, queued_});
+        lastProgress_ = Clock::now();
+        cv_.notify_all();
+    }
+
     void read(fuse_req_t req, std::size_t, bool) override { fuse_reply_err(req, EBADF); }
+
     unsigned poll(fuse_pollhandle *ph) override
     {
-        if (ph != nullptr) {
-            fuse_pollhandle_destroy(ph);
+        std::lock_guard<std::mutex> lock(m_);
+        if (goneLocked() != 0) {
+            if (ph != nullptr) {
+                fuse_pollhandle_destroy(ph);
+            }
+            return POLLOUT | POLLERR;
         }
-        return POLLOUT | POLLWRNORM;
+        if (pending_.empty()) {
+            if (ph != nullptr) {
+                fuse_pollhandle_destroy(ph);
+            }
+            return POLLOUT | POLLWRNORM;
+        }
+        if (ph != nullptr) {
+            if (poll_ != nullptr) {
+                fuse_pollhandle_destroy(poll_);
+            }
+            poll_ = ph;
+        }
+        return 0;
     }
-    void close() override { closePin(); }
+
+    void close() override
+    {
+        {
+            std::unique_lock<std::mutex> lock(m_);
+            if (closed_) {
+                return;
+            }
+            closed_ = true;
+            lastProgress_ = Clock::now();
+            cv_.notify_all();
+            // What writers were told is written still goes, while the port
+            // takes it.
+            cv_.wait(lock, [&] { return pending_.empty() || goneLocked() != 0 || drainExpiredLocked(); });
+            stopping_ = true;
+            cv_.notify_all();
+        }
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+        if (listener_ != 0) {
+            link_->unlisten(listener_);
+            listener_ = 0;
+        }
+        std::lock_guard<std::mutex> lock(m_);
+        for (Waiter &w : waiters_) {
+            fuse_reply_err(w.req, EBADF);
+        }
+        waiters_.clear();
+        if (poll_ != nullptr) {
+            fuse_pollhandle_destroy(poll_);
+            poll_ = nullptr;
+        }
+        closePin();
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    struct Waiter {
+        fuse_req_t req;
+        bool flush;
+        std::size_t accepted; // a write's answer
+        std::uint64_t upTo;   // answered once this many messages are sent
+    };
+
+    int goneLocked()
+    {
+        if (failure_ == 0) {
+            failure_ = link_->goneError();
+        }
+        return failure_;
+    }
+
+    bool drainExpiredLocked() const { return Clock::now() - lastProgress_ > kDrainPatience; }
+
+    // Hands the driver the messages that fit the FIFO now, in one request.
+    void sendLocked()
+    {
+        if (pending_.empty() || !pin_ || goneLocked() != 0) {
+            return;
+        }
+        std::lock_guard<std::mutex> sending(link_->sendMutex());
+        std::size_t room = link_->room();
+        if (room != lastRoom_) {
+            lastRoom_ = room;
+            lastProgress_ = Clock::now(); // the owner read, or another pin wrote
+        }
+        std::vector<std::uint8_t> batch;
+        std::uint64_t count = 0;
+        while (!pending_.empty() && batch.size() + pending_.front().size() <= room) {
+            batch.insert(batch.end(), pending_.front().begin(), pending_.front().end());
+            pending_.pop_front();
+            ++count;
+        }
+        if (batch.empty()) {
+            return;
+        }
+        NTSTATUS status = pin_->send(batch);
+        if (!NT_SUCCESS(status)) {
+            failure_ = errnoFromStatus(status);
+            return;
+        }
+        sent_ += count;
+        lastProgress_ = Clock::now();
+    }
+
+    void replyWrite(fuse_req_t req, std::size_t accepted, int error)
+    {
+        if (error != 0) {
+            fuse_reply_err(req, error);
+        } else {
+            fuse_reply_write(req, accepted);
+        }
+    }
+
+    void replyFlush(fuse_req_t req)
+    {
+        // Bytes already answered as written were dropped: the close says so.
+        if (lost_) {
+            lost_ = false;
+            fuse_reply_err(req, lostError_);
+        } else {
+            fuse_reply_err(req, framer_.begun() > 0 ? EBADMSG : 0);
+        }
+    }
+
+    // Bytes that can no longer go: every waiter hears why.
+    void dropPendingLocked(int error)
+    {
+        if (!pending_.empty()) {
+            pending_.clear();
+            lost_ = true;
+            lostError_ = error;
+        }
+        sent_ = queued_;
+    }
+
+    void answerLocked()
+    {
+        int gone = goneLocked();
+        bool expired = !pending_.empty() && drainExpiredLocked();
+        bool flushing = false;
+        for (const Waiter &w : waiters_) {
+            flushing = flushing || w.flush;
+        }
+        if (gone != 0) {
+            dropPendingLocked(gone);
+        } else if (expired && (flushing || closed_)) {
+            dropPendingLocked(ETIMEDOUT);
+        }
+        for (auto it = waiters_.begin(); it != waiters_.end();) {
+            if (gone != 0 && !it->flush) {
+                fuse_reply_err(it->req, gone);
+            } else if (sent_ >= it->upTo) {
+                if (it->flush) {
+                    replyFlush(it->req);
+                } else {
+                    replyWrite(it->req, it->accepted, 0);
+                }
+            } else {
+                ++it;
+                continue;
+            }
+            it = waiters_.erase(it);
+        }
+        if (poll_ != nullptr && (pending_.empty() || gone != 0)) {
+            fuse_lowlevel_notify_poll(poll_);
+            fuse_pollhandle_destroy(poll_);
+            poll_ = nullptr;
+        }
+        cv_.notify_all();
+    }
+
+    // The FIFO says nothing when it empties: room is looked at every
+    // millisecond while something waits, as the driver's own retry does.
+    void pump()
+    {
+        std::unique_lock<std::mutex> lock(m_);
+        while (!stopping_) {
+            if (pending_.empty() && waiters_.empty()) {
+                cv_.wait(lock);
+            } else {
+                cv_.wait_for(lock, std::chrono::milliseconds(1));
+            }
+            sendLocked();
+            answerLocked();
+        }
+    }
+
+    // A signal ends a write's wait: its bytes stay accepted and still go (a
+    // later write or the close waits for them). A flush's wait ends with
+    // EINTR and its bytes wait for the next one. Registered before the
+    // request can be answered by the pump (which frees it); one that comes
+    // before the request waits is seen by fuse_req_interrupted.
+    void watchInterrupt(fuse_req_t req)
+    {
+        fuse_req_interrupt_func(req, [](fuse_req_t r, void *self) { static_cast<RenderPin *>(self)->interrupted(r); },
+                                this);
+    }
+    void interrupted(fuse_req_t req)
+    {
+        std::lock_guard<std::mutex> lock(m_);
+        for (auto it = waiters_.begin(); it != waiters_.end(); ++it) {
+            if (it->req == req) {
+                if (it->flush) {
+                    fuse_reply_err(req, EINTR);
+                } else {
+                    replyWrite(req, it->accepted, 0);
+                }
+                waiters_.erase(it);
+                return;
+            }
+        }
+    }
+
+    std::shared_ptr<PortLink> link_;
+    std::uint64_t listener_ = 0;
+    std::mutex m_;
+    std::condition_variable cv_;
+    std::thread thread_;
+    ambrel::midi::Framer framer_;
+    std::deque<std::vector<std::uint8_t>> pending_;
+    std::uint64_t queued_ = 0; // messages taken from writers
+    std::uint64_t sent_ = 0;   // of those, handed to the driver (or dropped)
+    std::deque<Waiter> waiters_;
+    fuse_pollhandle *poll_ = nullptr;
+    std::size_t lastRoom_ = 0;
+    Clock::time_point lastProgress_ = Clock::now();
+    int failure_ = 0;
+    bool lost_ = false;
+    int lostError_ = 0;
+    bool closed_ = false;
+    bool stopping_ = false;
 };
 
 // A capture pin delivers the owner's writes in pieces as the framework cuts
 // them; the splitter puts whole messages back together for the reader.
 class CapturePin : public PinBase {
 public:
-    CapturePin() : splitter_(kLargestMessage) {}
+    explicit CapturePin(std::shared_ptr<PortLink> link) : link_(std::move(link)), splitter_(kLargestMessage) {}
     ~CapturePin() override { close(); }
 
     void start()
@@ -131,14 +442,22 @@ public:
         reader_ = std::make_unique<AsyncReader>(
             [this](std::size_t, AsyncReader::FetchContext &context) { return fetch(context); },
             [this] { cancel(); }, true, kCaptureReadBytes);
+        // A withdrawn port sends nothing more: the waiting read ends with
+        // the reason instead of waiting for good.
+        listener_ = link_->listen([this] { cancel(); });
     }
 
-    NTSTATUS write(const std::uint8_t *, std::size_t) override { return STATUS_INVALID_DEVICE_REQUEST; }
+    void write(fuse_req_t req, const std::uint8_t *, std::size_t, bool) override { fuse_reply_err(req, EBADF); }
+    void flush(fuse_req_t req) override { fuse_reply_err(req, 0); }
     void read(fuse_req_t req, std::size_t size, bool nonBlocking) override { reader_->read(req, size, nonBlocking); }
     unsigned poll(fuse_pollhandle *ph) override { return reader_->poll(ph); }
 
     void close() override
     {
+        if (listener_ != 0) {
+            link_->unlisten(listener_);
+            listener_ = 0;
+        }
         if (reader_) {
             reader_->stop();
             closing_ = true;
@@ -155,6 +474,10 @@ private:
         AsyncReader::Result result;
         reading_ = true;
         for (;;) {
+            if (int gone = link_->goneError()) {
+                result.status = gone == ENODEV ? STATUS_NO_SUCH_DEVICE : STATUS_SERVER_DISABLED;
+                break;
+            }
             if (context.cancelled || closing_) {
                 result.status = STATUS_CANCELLED;
                 break;
@@ -171,6 +494,9 @@ private:
                 process_->deviceControl(pin_->handle(), IOCTL_KS_READ_STREAM, nullptr, 0, &header, sizeof header);
             if (!NT_SUCCESS(r.status)) {
                 result.status = r.status;
+                if (r.status == STATUS_CANCELLED && link_->goneError() != 0) {
+                    continue; // cancelled for the withdrawal: said above
+                }
                 break;
             }
             for (std::size_t at = 0; at + sizeof(KSMUSICFORMAT) <= header.DataUsed;) {
@@ -202,6 +528,8 @@ private:
         }
     }
 
+    std::shared_ptr<PortLink> link_;
+    std::uint64_t listener_ = 0;
     std::unique_ptr<AsyncReader> reader_;
     ambrel::midi::Splitter splitter_;
     std::atomic<bool> reading_{false};
@@ -225,19 +553,20 @@ const char *subFormatName(const GUID &g)
 
 } // namespace
 
-NTSTATUS PinFile::open(std::shared_ptr<hk::Process> process, const PortView &port, bool render,
-                       std::unique_ptr<PinFile> *pin)
+NTSTATUS PinFile::open(std::shared_ptr<hk::Process> process, const PortView &port, std::shared_ptr<PortLink> link,
+                       bool render, std::unique_ptr<PinFile> *pin)
 {
     if (render) {
-        auto p = std::make_unique<RenderPin>();
+        auto p = std::make_unique<RenderPin>(std::move(link));
         NTSTATUS status = p->openOn(std::move(process), port, KSPIN_DATAFLOW_IN,
                                     {&KSDATAFORMAT_SUBTYPE_MIDI, &KSDATAFORMAT_SUBTYPE_DIRECTMUSIC});
         if (NT_SUCCESS(status)) {
+            p->start();
             *pin = std::move(p);
         }
         return status;
     }
-    auto p = std::make_unique<CapturePin>();
+    auto p = std::make_unique<CapturePin>(std::move(link));
     NTSTATUS status = p->openOn(std::move(process), port, KSPIN_DATAFLOW_OUT, {&KSDATAFORMAT_SUBTYPE_MIDI});
     if (NT_SUCCESS(status)) {
         p->start();

@@ -107,6 +107,98 @@ void Splitter::feed(const std::uint8_t *data, std::size_t length, const Sink &si
     }
 }
 
+void Framer::start(std::uint8_t status, const Sink &sink)
+{
+    begunAt_ = fed_;
+    message_.assign(1, status);
+    if (status != 0xF0 && dataLength(status) == 0) {
+        sink(message_.data(), 1); // F4, F5, F6: complete in one byte
+        message_.clear();
+    }
+}
+
+Framer::Fault Framer::put(std::uint8_t b, const Sink &sink)
+{
+    if (b >= 0xF8) {
+        ++fed_;
+        sink(&b, 1);
+        return Fault::None;
+    }
+    bool inSysex = !message_.empty() && message_[0] == 0xF0;
+    if (b < 0x80) {
+        if (inSysex) {
+            // Room is kept for the F7 that must still come.
+            if (message_.size() + 2 > limit_) {
+                return Fault::SysexTooLong;
+            }
+            ++fed_;
+            message_.push_back(b);
+            return Fault::None;
+        }
+        if (message_.empty()) {
+            if (runningStatus_ == 0) {
+                return Fault::StrayData;
+            }
+            begunAt_ = fed_;
+            message_.push_back(runningStatus_);
+        }
+        ++fed_;
+        message_.push_back(b);
+        if (message_.size() == std::size_t(dataLength(message_[0])) + 1) {
+            sink(message_.data(), message_.size());
+            message_.clear();
+        }
+        return Fault::None;
+    }
+    if (inSysex) {
+        // F7 ends it; any other status ends it too, the F7 put in for it.
+        message_.push_back(0xF7);
+        sink(message_.data(), message_.size());
+        message_.clear();
+        if (b == 0xF7) {
+            ++fed_;
+            return Fault::None;
+        }
+    } else if (!message_.empty()) {
+        return Fault::CutShort;
+    }
+    if (b == 0xF7) {
+        return Fault::StrayData;
+    }
+    runningStatus_ = b < 0xF0 ? b : 0;
+    start(b, sink);
+    ++fed_;
+    return Fault::None;
+}
+
+Framer::Fault Framer::feed(const std::uint8_t *data, std::size_t length, const Sink &sink, std::size_t *taken)
+{
+    std::size_t i = 0;
+    Fault fault = Fault::None;
+    for (; i < length; ++i) {
+        fault = put(data[i], sink);
+        if (fault != Fault::None) {
+            break;
+        }
+    }
+    *taken = i;
+    return fault;
+}
+
+const char *faultText(Framer::Fault fault)
+{
+    switch (fault) {
+    case Framer::Fault::StrayData:
+        return "a data byte with no status byte before it";
+    case Framer::Fault::CutShort:
+        return "a message cut short by the next status byte";
+    case Framer::Fault::SysexTooLong:
+        return "a SysEx longer than the port carries";
+    default:
+        return "no fault";
+    }
+}
+
 std::string noteName(int note)
 {
     static const char *const names[12] = {"C", "C#", "D", "D#", "E", "F", "F#", "G", "G#", "A", "A#", "B"};

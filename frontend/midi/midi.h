@@ -46,6 +46,50 @@ private:
     std::size_t dropped_ = 0;
 };
 
+// The messages a port makes of a byte stream, cut exactly as the driver's
+// parser cuts them (running status expanded, real-time bytes at once, a
+// SysEx ended early by a status byte closed with F7), with what the driver
+// would silently drop reported instead. The daemon paces a port's writers by
+// these messages and the command checks what it is about to send with it.
+class Framer {
+public:
+    using Sink = std::function<void(const std::uint8_t *message, std::size_t length)>;
+    enum class Fault {
+        None,
+        StrayData,    // a data byte with no status to belong to, or an F7 outside a SysEx
+        CutShort,     // a status byte came before the message begun was complete
+        SysexTooLong, // the SysEx grows past `sysexLimit` bytes, F0 and F7 included
+    };
+
+    explicit Framer(std::size_t sysexLimit) : limit_(sysexLimit < 3 ? 3 : sysexLimit) {}
+
+    // Feeds one byte. On a fault the byte is not taken and nothing changes:
+    // the caller decides (dropBegun() discards the broken message).
+    Fault put(std::uint8_t byte, const Sink &sink);
+    // Feeds bytes until the first fault; returns it and, in *taken, how
+    // many bytes went in.
+    Fault feed(const std::uint8_t *data, std::size_t length, const Sink &sink, std::size_t *taken);
+    // Bytes of the message begun and not yet complete (0: between messages).
+    std::size_t begun() const { return message_.size(); }
+    // Bytes fed so far, and the count at which the begun message started.
+    std::uint64_t fed() const { return fed_; }
+    std::uint64_t begunAt() const { return begunAt_; }
+    void dropBegun() { message_.clear(); }
+    std::size_t sysexLimit() const { return limit_; }
+
+private:
+    void start(std::uint8_t status, const Sink &sink);
+
+    std::size_t limit_;
+    std::vector<std::uint8_t> message_;
+    std::uint8_t runningStatus_ = 0;
+    std::uint64_t fed_ = 0;
+    std::uint64_t begunAt_ = 0;
+};
+
+// "stray data byte", "message cut short", "SysEx longer than the port carries".
+const char *faultText(Framer::Fault fault);
+
 // "C4" for 60, "C#-1" for 1, "G9" for 127 (middle C is C4).
 std::string noteName(int note);
 // "Modulation", "Sustain Pedal", "All Notes Off", ... or "" when unnamed.

@@ -13,6 +13,7 @@
 #include <hostkernel/pnp.h>
 
 #include "adapter/amadapter.h"
+#include "adapter/porttable.h"
 #include "daemon.h"
 #include "pins.h"
 #include "ports.h"
@@ -124,15 +125,17 @@ TEST(AmbreldPins, AViewOutlivingItsPortOpensNothing)
         ASSERT_EQ(owner->open(u"\\DosDevices\\Ambrel\\Piano", readWrite, &piano), STATUS_SUCCESS);
         ambreld::PortView view;
         ASSERT_TRUE(ambreld::findPortByDirName("Piano", &view));
+        auto link = ambreld::PortLink::of(static_cast<MidiPort *>(owner->fileObject(piano)->FsContext));
+        ASSERT_NE(link, nullptr);
         std::unique_ptr<ambreld::PinFile> pin;
-        ASSERT_EQ(ambreld::PinFile::open(client, view, true, &pin), STATUS_SUCCESS);
+        ASSERT_EQ(ambreld::PinFile::open(client, view, link, true, &pin), STATUS_SUCCESS);
         pin->close();
         pin.reset();
 
         ASSERT_EQ(owner->close(piano), STATUS_SUCCESS);
         ASSERT_EQ(owner->open(u"\\DosDevices\\Ambrel\\Organ", readWrite, &organ), STATUS_SUCCESS);
         for (bool render : {true, false}) {
-            EXPECT_EQ(ambreld::PinFile::open(client, view, render, &pin), STATUS_OBJECT_NAME_NOT_FOUND);
+            EXPECT_EQ(ambreld::PinFile::open(client, view, link, render, &pin), STATUS_OBJECT_NAME_NOT_FOUND);
             EXPECT_EQ(pin, nullptr);
         }
         EXPECT_EQ(owner->close(organ), STATUS_SUCCESS);

@@ -563,3 +563,177 @@ TEST_F(DaemonTest, RestartWithdrawsPortsEndsWaitsAndServesAgain)
 
 } // namespace
 } // namespace fetest
+
+namespace fetest {
+namespace {
+
+// An owner that takes `total` bytes in small reads, a pause between them,
+// as a slow application does.
+Bytes readSlowly(int fd, size_t total, std::chrono::microseconds pause)
+{
+    Bytes got;
+    std::uint8_t buf[4096];
+    while (got.size() < total) {
+        struct pollfd p = {fd, POLLIN, 0};
+        if (::poll(&p, 1, 10000) != 1) {
+            break;
+        }
+        ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n <= 0) {
+            break;
+        }
+        got.insert(got.end(), buf, buf + n);
+        std::this_thread::sleep_for(pause);
+    }
+    return got;
+}
+
+Bytes notes(size_t count)
+{
+    Bytes b;
+    for (size_t i = 0; i < count; ++i) {
+        b.insert(b.end(), {std::uint8_t(0x90 | (i % 16)), std::uint8_t(i % 128), std::uint8_t(1 + i % 127)});
+    }
+    return b;
+}
+
+TEST_F(DaemonTest, WritesLargerThanTheFifoReachASlowOwnerWholeBeforeCloseReturns)
+{
+    int owner = openFile(path("Slow\\8192"), O_RDONLY);
+    ASSERT_GE(owner, 0);
+    const Bytes song = notes(200000); // 600,000 bytes against a FIFO of 16 KiB
+    Bytes got;
+    std::thread reader([&] { got = readSlowly(owner, song.size(), 50us); });
+    int out = openFile(portFile("Slow", AMBREL_OUT_FILE), O_WRONLY);
+    ASSERT_GE(out, 0);
+    // One write: the kernel cuts it into requests, each answered once its
+    // bytes are in the driver; close returns with nothing left to hand on.
+    EXPECT_EQ(write(out, song.data(), song.size()), ssize_t(song.size()));
+    EXPECT_EQ(fsync(out), 0);
+    closeFile(out);
+    reader.join();
+    EXPECT_EQ(got.size(), song.size());
+    EXPECT_TRUE(got == song);
+
+    // Non-blocking: bytes the port cannot take yet are held, and the next
+    // write is refused with EAGAIN until they are gone; poll says when.
+    out = openFile(portFile("Slow", AMBREL_OUT_FILE), O_WRONLY | O_NONBLOCK);
+    ASSERT_GE(out, 0);
+    const Bytes burst = notes(8000); // 24,000 bytes: more than the FIFO
+    ASSERT_EQ(write(out, burst.data(), burst.size()), ssize_t(burst.size()));
+    EXPECT_EQ(write(out, kNoteOn.data(), 3), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    struct pollfd p = {out, POLLOUT, 0};
+    EXPECT_EQ(poll(&p, 1, 100), 0); // nobody reads: not writable
+    reader = std::thread([&] { got = readSlowly(owner, burst.size() + 3, 0us); });
+    ASSERT_EQ(poll(&p, 1, 5000), 1);
+    EXPECT_EQ(write(out, kNoteOn.data(), 3), 3);
+    reader.join();
+    Bytes expected = burst;
+    expected.insert(expected.end(), kNoteOn.begin(), kNoteOn.end());
+    EXPECT_TRUE(got == expected) << got.size();
+}
+
+TEST_F(DaemonTest, AWithdrawnPortFailsItsWritersReadersAndCommands)
+{
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    std::string own = path("Gone");
+    Child owner([&] {
+        int fd = ::open(own.c_str(), O_RDWR);
+        (void)!::write(ready[1], fd >= 0 ? "y" : "n", 1);
+        for (;;) {
+            pause();
+        }
+        return 0;
+    });
+    char c = 0;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    ASSERT_EQ(c, 'y');
+    int out = openFile(portFile("Gone", AMBREL_OUT_FILE), O_WRONLY);
+    int in = openFile(portFile("Gone", AMBREL_IN_FILE), O_RDONLY);
+    ASSERT_GE(out, 0);
+    ASSERT_GE(in, 0);
+    // A writer blocked on a full FIFO, a reader waiting for MIDI.
+    const Bytes flood = notes(100000);
+    std::atomic<ssize_t> blocked{-2};
+    std::atomic<int> blockedErrno{0};
+    std::thread writer([&] {
+        blocked = write(out, flood.data(), flood.size());
+        blockedErrno = errno;
+    });
+    std::atomic<ssize_t> waited{-2};
+    std::atomic<int> waitedErrno{0};
+    std::thread reader([&] {
+        std::uint8_t buf[64];
+        waited = read(in, buf, sizeof buf);
+        waitedErrno = errno;
+    });
+    std::this_thread::sleep_for(300ms);
+    owner.kill();
+    writer.join();
+    reader.join();
+    EXPECT_EQ(blocked.load(), -1);
+    EXPECT_EQ(blockedErrno.load(), ESHUTDOWN);
+    EXPECT_EQ(waited.load(), -1);
+    EXPECT_EQ(waitedErrno.load(), ESHUTDOWN);
+    EXPECT_EQ(write(out, kNoteOn.data(), 3), -1);
+    EXPECT_EQ(errno, ESHUTDOWN);
+    close(ready[0]);
+    close(ready[1]);
+}
+
+TEST_F(DaemonTest, MidiTheDriverWouldDropIsRefusedWithTheReason)
+{
+    int owner = openFile(path("Strict\\8192"), O_RDONLY);
+    ASSERT_GE(owner, 0);
+    Bytes longest(8192, 0x22), tooLong(8193, 0x22);
+    longest.front() = tooLong.front() = 0xF0;
+    longest.back() = tooLong.back() = 0xF7;
+    Bytes afterNote = kNoteOn;
+    afterNote.insert(afterNote.end(), tooLong.begin(), tooLong.end());
+    struct Case {
+        const char *what;
+        Bytes bytes;
+        ssize_t result; // bytes written, or -1 with `error`
+        int error;
+        Bytes arrives;
+    } cases[] = {
+        {"stray data byte", {0x3C, 0x64}, -1, EBADMSG, {}},
+        {"cut short", {0x90, 0x3C, 0x80, 0x3C, 0x00}, -1, EBADMSG, {}},
+        {"whole, then cut short", {0x80, 0x3C, 0x00, 0x90, 0x3C, 0xB0}, 3, 0, {0x80, 0x3C, 0x00}},
+        {"running status", {0x90, 0x3C, 0x64, 0x3E, 0x64}, 5, 0, {0x90, 0x3C, 0x64, 0x90, 0x3E, 0x64}},
+        {"lone end of SysEx", {0xF7}, -1, EBADMSG, {}},
+        {"SysEx of the port's size", longest, 8192, 0, longest},
+        {"SysEx one byte longer", tooLong, -1, EMSGSIZE, {}},
+        {"note, then the long SysEx", afterNote, 3, 0, kNoteOn},
+    };
+    for (const Case &c : cases) {
+        int out = openFile(portFile("Strict", AMBREL_OUT_FILE), O_WRONLY);
+        ASSERT_GE(out, 0);
+        errno = 0;
+        EXPECT_EQ(write(out, c.bytes.data(), c.bytes.size()), c.result) << c.what;
+        if (c.result < 0) {
+            EXPECT_EQ(errno, c.error) << c.what;
+        }
+        EXPECT_EQ(close(out), 0) << c.what;
+        fds_.erase(std::remove(fds_.begin(), fds_.end(), out), fds_.end());
+        // What was refused never arrives: it would come before the next
+        // case's bytes, or before the closing note.
+        EXPECT_EQ(readBytes(owner, c.arrives.size()), c.arrives) << c.what;
+    }
+    int last = openFile(portFile("Strict", AMBREL_OUT_FILE), O_WRONLY);
+    ASSERT_EQ(write(last, kNoteOn.data(), 3), 3);
+    EXPECT_EQ(readBytes(owner, 3), kNoteOn);
+    // A message begun and never finished: close says so.
+    int out = openFile(portFile("Strict", AMBREL_OUT_FILE), O_WRONLY);
+    ASSERT_GE(out, 0);
+    EXPECT_EQ(write(out, kNoteOn.data(), 2), 2);
+    EXPECT_EQ(close(out), -1);
+    EXPECT_EQ(errno, EBADMSG);
+    fds_.erase(std::remove(fds_.begin(), fds_.end(), out), fds_.end());
+    EXPECT_NE(slurp(portFile("Strict", AMBREL_INFO_FILE)).find("sysex-size: 8192\n"), std::string::npos);
+}
+
+} // namespace
+} // namespace fetest

@@ -73,6 +73,52 @@ TEST(MidiSplitter, LongSysexIsCutButCountedWhole)
     EXPECT_EQ(t.droppedBytes(), 3u);
 }
 
+// The framer must cut exactly as a port's parser does (the daemon counts the
+// FIFO's room by its messages) and name what that parser would drop.
+TEST(MidiFramer, CutsAsThePortDoesAndNamesWhatItWouldDrop)
+{
+    using Fault = ambrel::midi::Framer::Fault;
+    struct Case {
+        const char *what;
+        Bytes in;
+        std::vector<Bytes> out;
+        Fault fault;       // at the first byte not taken
+        size_t taken;
+        size_t begunAt;    // where the broken message began
+    } cases[] = {
+        {"running status re-inserted", {0x90, 0x3C, 0x40, 0x3C, 0x00}, {{0x90, 0x3C, 0x40}, {0x90, 0x3C, 0x00}},
+         Fault::None, 5, 0},
+        {"program changes", {0xC0, 5, 6}, {{0xC0, 5}, {0xC0, 6}}, Fault::None, 3, 0},
+        {"real time first", {0x90, 0x3C, 0xF8, 0x40}, {{0xF8}, {0x90, 0x3C, 0x40}}, Fault::None, 4, 0},
+        {"SysEx ended by a note", {0xF0, 1, 2, 0x90, 0x3C, 0x40}, {{0xF0, 1, 2, 0xF7}, {0x90, 0x3C, 0x40}},
+         Fault::None, 6, 0},
+        {"SysEx ended by tune request", {0xF0, 1, 0xF6}, {{0xF0, 1, 0xF7}, {0xF6}}, Fault::None, 3, 0},
+        {"SysEx ended by SysEx", {0xF0, 1, 0xF0, 2, 0xF7}, {{0xF0, 1, 0xF7}, {0xF0, 2, 0xF7}}, Fault::None, 5, 0},
+        {"undefined system common", {0xF4, 0xF5}, {{0xF4}, {0xF5}}, Fault::None, 2, 0},
+        {"song position leaves no running status", {0xF2, 0x10, 0x20, 0x30}, {{0xF2, 0x10, 0x20}},
+         Fault::StrayData, 3, 0},
+        {"data with no status", {0x3C}, {}, Fault::StrayData, 0, 0},
+        {"lone end of SysEx", {0x90, 1, 2, 0xF7}, {{0x90, 1, 2}}, Fault::StrayData, 3, 0},
+        {"note cut short", {0x80, 1, 2, 0x90, 0x3C, 0xB0}, {{0x80, 1, 2}}, Fault::CutShort, 5, 3},
+        {"cut short under running status", {0x90, 1, 2, 3, 0x80}, {{0x90, 1, 2}}, Fault::CutShort, 4, 3},
+        {"SysEx of exactly the limit", {0xF0, 1, 2, 3, 4, 5, 0xF7}, {{0xF0, 1, 2, 3, 4, 5, 0xF7}}, Fault::None, 7, 0},
+        {"SysEx a byte over", {0x90, 1, 2, 0xF0, 1, 2, 3, 4, 5, 6}, {{0x90, 1, 2}}, Fault::SysexTooLong, 9, 3},
+    };
+    for (const Case &c : cases) {
+        ambrel::midi::Framer framer(7);
+        std::vector<Bytes> out;
+        size_t taken = 0;
+        Fault fault = framer.feed(c.in.data(), c.in.size(),
+                                  [&](const std::uint8_t *m, size_t n) { out.emplace_back(m, m + n); }, &taken);
+        EXPECT_EQ(out, c.out) << c.what;
+        EXPECT_EQ(fault, c.fault) << c.what;
+        EXPECT_EQ(taken, c.taken) << c.what;
+        if (fault == Fault::CutShort || fault == Fault::SysexTooLong) {
+            EXPECT_EQ(framer.begunAt(), c.begunAt) << c.what;
+        }
+    }
+}
+
 TEST(MidiDescribe, NamesMessagesAsMusiciansReadThem)
 {
     struct Case {
