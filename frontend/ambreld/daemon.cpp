@@ -2,6 +2,7 @@
 
 #include "daemon.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -19,6 +20,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <shared_mutex>
 #include <sstream>
@@ -339,6 +341,9 @@ struct State {
     std::atomic<bool> stopping{false}; // ports are withdrawn because ambreld stops
     uid_t uid = getuid();
     gid_t gid = getgid();
+    // Who may use the mount besides its owner: everyone, or one group.
+    bool everyone = false;
+    std::optional<gid_t> group;
 };
 
 State *gState = nullptr;
@@ -417,34 +422,71 @@ OwnerFile *ownerOf(const std::u16string &referenceString, std::shared_ptr<hk::Pr
     return nullptr;
 }
 
+// Linux gives MIDI devices to a group (mode 0660): so does the mount. The
+// modes show it; allowed() enforces it on every lookup, listing and open.
 void fillAttr(Kind kind, fuse_ino_t ino, struct stat *st)
 {
     std::memset(st, 0, sizeof *st);
     st->st_ino = ino;
     st->st_uid = gState->uid;
-    st->st_gid = gState->gid;
+    st->st_gid = gState->group.value_or(gState->gid);
     st->st_atime = st->st_mtime = st->st_ctime = gState->started;
+    // Owner and group bits, repeated for others when everyone may.
+    mode_t bits = 0;
     switch (kind) {
     case Kind::Root:
     case Kind::PortsDir:
     case Kind::PortDir:
-        st->st_mode = S_IFDIR | 0555;
+        st->st_mode = S_IFDIR;
+        bits = 05;
         st->st_nlink = 2;
         break;
     case Kind::Control:
-        st->st_mode = S_IFREG | 0666;
+        st->st_mode = S_IFREG;
+        bits = 06;
         st->st_nlink = 1;
         break;
     case Kind::Out:
-        st->st_mode = S_IFREG | 0222;
+        st->st_mode = S_IFREG;
+        bits = 02;
         st->st_nlink = 1;
         break;
     case Kind::In:
     case Kind::Info:
-        st->st_mode = S_IFREG | 0444;
+        st->st_mode = S_IFREG;
+        bits = 04;
         st->st_nlink = 1;
         break;
     }
+    st->st_mode |= bits << 6 | (gState->group || gState->everyone ? bits << 3 : 0) | (gState->everyone ? bits : 0);
+}
+
+// The caller is the mount's owner (root), a member of its group, or anyone
+// when the mount is public; otherwise the request was answered EACCES.
+bool allowed(fuse_req_t req)
+{
+    const fuse_ctx *ctx = fuse_req_ctx(req);
+    if (gState->everyone || ctx->uid == gState->uid || ctx->uid == 0) {
+        return true;
+    }
+    if (gState->group) {
+        if (ctx->gid == *gState->group) {
+            return true;
+        }
+        std::vector<gid_t> groups(64);
+        int n = fuse_req_getgroups(req, int(groups.size()), groups.data());
+        if (n > int(groups.size())) {
+            groups.resize(size_t(n));
+            n = fuse_req_getgroups(req, int(groups.size()), groups.data());
+        }
+        for (int i = 0; i < n && i < int(groups.size()); ++i) {
+            if (groups[size_t(i)] == *gState->group) {
+                return true;
+            }
+        }
+    }
+    fuse_reply_err(req, EACCES);
+    return false;
 }
 
 bool portHas(const PortView &p, Kind kind)
@@ -468,6 +510,9 @@ void replyEntry(fuse_req_t req, Kind kind, fuse_ino_t ino)
 
 void opLookup(fuse_req_t req, fuse_ino_t parent, const char *name)
 {
+    if (!allowed(req)) {
+        return;
+    }
     NodeTable::Node node;
     if (!gState->nodes.get(parent, &node)) {
         fuse_reply_err(req, ENOENT);
@@ -550,6 +595,9 @@ void opSetattr(fuse_req_t req, fuse_ino_t ino, struct stat *, int, struct fuse_f
 
 void opOpendir(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi)
 {
+    if (!allowed(req)) {
+        return;
+    }
     NodeTable::Node node;
     if (!gState->nodes.get(ino, &node) || !nodeLive(node)) {
         fuse_reply_err(req, ENOENT);
@@ -762,6 +810,9 @@ void openControl(fuse_req_t req, const std::string &fileName, struct fuse_file_i
 
 void opOpen(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi)
 {
+    if (!allowed(req)) {
+        return;
+    }
     NodeTable::Node node;
     if (!gState->nodes.get(ino, &node)) {
         fuse_reply_err(req, ENOENT);
@@ -1172,12 +1223,21 @@ bool readConfigFile(const std::string &path, Config *config, std::string *error)
             if (!config->sysexSize) {
                 config->sysexSize = v;
             }
-        } else if (key == "verbose") {
-            if (value != "true" && value != "false" && value != "1" && value != "0") {
-                *error = where + "verbose is true or false";
+        } else if (key == "group") {
+            if (value.empty()) {
+                *error = where + "group needs a name";
                 return false;
             }
-            config->verbose = config->verbose || value == "true" || value == "1";
+            if (!config->groupName) {
+                config->groupName = value;
+            }
+        } else if (key == "public" || key == "verbose") {
+            if (value != "true" && value != "false" && value != "1" && value != "0") {
+                *error = where + key + " is true or false";
+                return false;
+            }
+            bool &flag = key == "public" ? config->everyone : config->verbose;
+            flag = flag || value == "true" || value == "1";
         } else {
             *error = where + "unknown setting \"" + key + "\"";
             return false;
@@ -1186,10 +1246,52 @@ bool readConfigFile(const std::string &path, Config *config, std::string *error)
     return true;
 }
 
+namespace {
+
+// The parent that started us in the background learns that we serve; our
+// standard streams then go nowhere, as a daemon's do.
+void letGoOfTerminal(int readyFd)
+{
+    (void)!write(readyFd, "1", 1);
+    close(readyFd);
+    int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (null >= 0) {
+        dup2(null, STDIN_FILENO);
+        dup2(null, STDOUT_FILENO);
+        dup2(null, STDERR_FILENO);
+        close(null);
+    }
+}
+
+} // namespace
+
+bool checkConfig(const Config &config, std::string *error)
+{
+    if (config.maxPorts && (*config.maxPorts < kMinPorts || *config.maxPorts > kMaxPorts)) {
+        *error = "max-ports " + std::to_string(*config.maxPorts) + " is outside " + std::to_string(kMinPorts) +
+                 ".." + std::to_string(kMaxPorts);
+        return false;
+    }
+    if (config.sysexSize && (*config.sysexSize < kMinSysexSize || *config.sysexSize > kMaxSysexSize)) {
+        *error = "sysex-size " + std::to_string(*config.sysexSize) + " is outside " +
+                 std::to_string(kMinSysexSize) + ".." + std::to_string(kMaxSysexSize);
+        return false;
+    }
+    if (config.everyone && config.groupName) {
+        *error = "--public and --group exclude each other";
+        return false;
+    }
+    return true;
+}
+
 int run(const Config &config)
 {
     hk::setLogToStderr(config.verbose);
     State state;
+    state.everyone = config.everyone;
+    if (config.group) {
+        state.group = gid_t(*config.group);
+    }
     gState = &state;
 
     struct fuse_lowlevel_ops ops {};
@@ -1219,7 +1321,8 @@ int run(const Config &config)
 
     std::vector<std::string> argStorage{"ambreld", "-o", "fsname=ambrel,subtype=ambrel"};
     if (geteuid() == 0) {
-        // Ports are for every user of the machine, as on Windows.
+        // Other users reach the mount; which of them may use it is the
+        // daemon's own check (allowed()).
         argStorage.back() += ",allow_other";
     }
     if (config.debugFuse) {
@@ -1231,8 +1334,8 @@ int run(const Config &config)
     }
     struct fuse_args args = FUSE_ARGS_INIT(int(argv.size()), argv.data());
 
-    // The host kernel's threads are started only after fuse_daemonize has
-    // forked: a fork would leave them behind in the parent.
+    // A daemon in the background was forked before this (main.cpp): the
+    // host kernel's threads start here, in the process that serves.
     HostSystem system;
     bool booted = false;
     int rc = 1;
@@ -1246,13 +1349,17 @@ int run(const Config &config)
             if (fuse_session_mount(se, config.mount.c_str()) != 0) {
                 std::fprintf(stderr, "ambreld: cannot mount on %s (is /dev/fuse there, and are you root?)\n",
                              config.mount.c_str());
-            } else if (fuse_daemonize(config.foreground ? 1 : 0) == 0) {
+            } else {
                 NTSTATUS status = system.boot(config);
                 booted = NT_SUCCESS(status);
                 if (!booted) {
                     std::fprintf(stderr, "ambreld: the driver did not start (status 0x%08X)\n", unsigned(status));
                 } else {
-                    std::fprintf(stderr, "ambreld: serving Ambrel on %s\n", config.mount.c_str());
+                    std::fprintf(stderr, "ambreld: serving Ambrel on %s (pid %d); stop it with 'ambreld --stop %s'\n",
+                                 config.mount.c_str(), int(getpid()), config.mount.c_str());
+                    if (config.readyFd >= 0) {
+                        letGoOfTerminal(config.readyFd);
+                    }
                     struct fuse_loop_config *loop = fuse_loop_cfg_create();
                     fuse_loop_cfg_set_max_threads(loop, 64);
                     fuse_loop_cfg_set_idle_threads(loop, 8);
@@ -1299,8 +1406,6 @@ int run(const Config &config)
                 }
                 fuse_session_unmount(se);
                 std::fprintf(stderr, "ambreld: unmounted %s\n", config.mount.c_str());
-            } else {
-                fuse_session_unmount(se);
             }
             fuse_remove_signal_handlers(se);
         }

@@ -15,10 +15,24 @@ struct Config {
     bool foreground = false;
     bool verbose = false;   // the driver's debug log on stderr
     bool debugFuse = false; // libfuse's own request trace
+    // Who may use the mount besides root: the members of `group`, or
+    // everyone (`everyone`). Without either, root alone.
+    std::optional<std::string> groupName; // as asked ("audio" when none is)
+    std::optional<unsigned> group;        // its gid, once resolved
+    bool everyone = false;
+    // Set when started in the background: a byte goes here once the daemon
+    // serves, then its standard streams are let go.
+    int readyFd = -1;
 };
 
+// The driver's own limits for the settings: a value outside them is refused
+// (false, with the reason) instead of being clamped where nobody sees it.
+constexpr std::uint32_t kMinPorts = 1, kMaxPorts = 512;
+constexpr std::uint32_t kMinSysexSize = 8176, kMaxSysexSize = 1048560;
+bool checkConfig(const Config &config, std::string *error);
+
 // Reads "key = value" lines ('#' comments): mount, max-ports, sysex-size,
-// verbose. Values already set in `config` (from flags) win. False with a
+// verbose, group, public. Values already set in `config` (from flags) win. False with a
 // message on an unknown key, a bad value or an unreadable file.
 bool readConfigFile(const std::string &path, Config *config, std::string *error);
 

@@ -117,19 +117,23 @@ private:
     int status_ = -1;
 };
 
-// A program run with its standard output captured.
+// A program run with its standard output and error captured (standard
+// input: `input`, else /dev/null).
 class Command {
 public:
-    explicit Command(const std::vector<std::string> &argv)
+    explicit Command(const std::vector<std::string> &argv, const std::string &input = "")
     {
-        int fds[2];
-        if (pipe(fds) != 0) {
+        int fds[2], errs[2], in[2];
+        if (pipe(fds) != 0 || pipe(errs) != 0 || pipe(in) != 0) {
             return;
         }
         child_ = std::make_unique<Child>([&] {
             dup2(fds[1], 1);
-            ::close(fds[0]);
-            ::close(fds[1]);
+            dup2(errs[1], 2);
+            dup2(in[0], 0);
+            for (int fd : {fds[0], fds[1], errs[0], errs[1], in[0], in[1]}) {
+                ::close(fd);
+            }
             std::vector<char *> args;
             for (const std::string &a : argv) {
                 args.push_back(const_cast<char *>(a.c_str()));
@@ -139,31 +143,59 @@ public:
             return 127;
         });
         ::close(fds[1]);
+        ::close(errs[1]);
+        ::close(in[0]);
         out_ = fds[0];
+        err_ = errs[0];
+        // Small inputs fit the pipe; larger ones are fed by a thread.
+        feeder_ = std::thread([fd = in[1], input] {
+            for (size_t at = 0; at < input.size();) {
+                ssize_t n = ::write(fd, input.data() + at, input.size() - at);
+                if (n <= 0) {
+                    break;
+                }
+                at += size_t(n);
+            }
+            ::close(fd);
+        });
     }
     ~Command()
     {
-        if (out_ >= 0) {
-            ::close(out_);
+        if (child_) {
+            child_->kill();
+        }
+        if (feeder_.joinable()) {
+            feeder_.join();
+        }
+        for (int fd : {out_, err_}) {
+            if (fd >= 0) {
+                ::close(fd);
+            }
         }
     }
     pid_t pid() const { return child_->pid(); }
     int wait(double seconds = 10) { return child_->wait(seconds); }
-    // Everything it printed (call after wait()).
-    std::string output()
+    // Everything it printed on standard output, and on standard error
+    // (call after wait()).
+    std::string output() { return drain(out_); }
+    std::string errors() { return drain(err_); }
+
+private:
+    static std::string drain(int fd)
     {
         std::string s;
         char buf[4096];
         ssize_t n;
-        while (out_ >= 0 && (n = ::read(out_, buf, sizeof buf)) > 0) {
+        while (fd >= 0 && (n = ::read(fd, buf, sizeof buf)) > 0) {
             s.append(buf, size_t(n));
         }
         return s;
     }
 
-private:
     std::unique_ptr<Child> child_;
+    std::thread feeder_;
     int out_ = -1;
+    int err_ = -1;
 };
 
 class DaemonTest : public ::testing::Test {

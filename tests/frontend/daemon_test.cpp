@@ -737,3 +737,148 @@ TEST_F(DaemonTest, MidiTheDriverWouldDropIsRefusedWithTheReason)
 
 } // namespace
 } // namespace fetest
+
+#include <dirent.h>
+#include <grp.h>
+
+namespace fetest {
+namespace {
+
+// What a process of uid and gid 65534 ("nobody") with these supplementary
+// groups gets from the mount: 0 when each step works, else the first errno.
+int asNobody(const std::string &mount, const std::vector<gid_t> &groups)
+{
+    Child child([&] {
+        if (setgroups(groups.size(), groups.data()) != 0 || setgid(65534) != 0 || setuid(65534) != 0) {
+            return 100;
+        }
+        DIR *d = opendir((mount + "/" AMBREL_PORTS_DIR).c_str());
+        if (d == nullptr) {
+            return errno;
+        }
+        closedir(d);
+        int out = ::open((mount + "/" AMBREL_PORTS_DIR "/Root/" AMBREL_OUT_FILE).c_str(), O_WRONLY);
+        if (out < 0) {
+            return errno;
+        }
+        std::uint8_t note[3] = {0x90, 0x3C, 0x64};
+        if (::write(out, note, 3) != 3) {
+            return errno;
+        }
+        ::close(out);
+        int own = ::open((mount + "/Theirs").c_str(), O_RDWR);
+        return own < 0 ? errno : 0;
+    });
+    return child.wait();
+}
+
+TEST_F(DaemonTest, TheMountIsForRootAndTheAudioGroupUnlessPublic)
+{
+    struct group *audio = getgrnam("audio");
+    if (audio == nullptr) {
+        GTEST_SKIP() << "no group \"audio\" on this machine";
+    }
+    int root = openFile(path("Root"), O_RDONLY);
+    ASSERT_GE(root, 0);
+    struct stat st;
+    ASSERT_EQ(stat(mount_.c_str(), &st), 0);
+    EXPECT_EQ(st.st_gid, audio->gr_gid);
+    EXPECT_EQ(st.st_mode & 07777, 0550u);
+    ASSERT_EQ(stat(portFile("Root", AMBREL_OUT_FILE).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0220u);
+
+    EXPECT_EQ(asNobody(mount_, {}), EACCES);
+    EXPECT_EQ(asNobody(mount_, {gid_t(audio->gr_gid)}), 0);
+    EXPECT_EQ(readBytes(root, 3), kNoteOn); // the member's note
+    closeFile(root);
+
+    ASSERT_EQ(stopDaemon(), 0);
+    startDaemon({"--public"});
+    root = openFile(path("Root"), O_RDONLY);
+    ASSERT_GE(root, 0);
+    EXPECT_EQ(asNobody(mount_, {}), 0);
+    EXPECT_EQ(readBytes(root, 3), kNoteOn);
+}
+
+} // namespace
+} // namespace fetest
+
+namespace fetest {
+namespace {
+
+std::vector<std::string> ambreld(std::initializer_list<std::string> args)
+{
+    std::vector<std::string> argv{AMBRELD_PATH};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+}
+
+TEST_F(DaemonTest, OneDaemonPerMountAndStopNamesTheMount)
+{
+    // A second daemon for the same mount is refused, naming the first.
+    Command second(ambreld({"-f", mount_}));
+    EXPECT_EQ(second.wait(), 1);
+    EXPECT_NE(second.errors().find("ambreld already serves " + mount_ + " (pid " + std::to_string(daemon_) + ")"),
+              std::string::npos);
+
+    // In the background: it says where and which pid, and returns serving.
+    char dir[] = "/tmp/ambrel-fe2-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    std::string other = dir;
+    Command background(ambreld({other}));
+    ASSERT_EQ(background.wait(), 0);
+    std::string said = background.errors();
+    EXPECT_NE(said.find("serving Ambrel on " + other + " (pid "), std::string::npos) << said;
+    EXPECT_TRUE(mounted(other));
+
+    // Stopping one mount's daemon leaves the other's alone.
+    Command stop(ambreld({"--stop", other}));
+    EXPECT_EQ(stop.wait(30), 0);
+    EXPECT_FALSE(mounted(other));
+    EXPECT_TRUE(mounted(mount_));
+    Command again(ambreld({"--stop", other}));
+    EXPECT_EQ(again.wait(), 1);
+    EXPECT_NE(again.errors().find("no ambreld serves " + other), std::string::npos);
+
+    // A daemon that died leaves a stale mount: said, and cleared on request.
+    Child dying([&] {
+        execl(AMBRELD_PATH, AMBRELD_PATH, "-f", other.c_str(), static_cast<char *>(nullptr));
+        return 127;
+    });
+    ASSERT_TRUE(eventually([&] { return exists(other + "/" AMBREL_PORTS_DIR); }));
+    dying.kill();
+    Command stale(ambreld({"-f", other}));
+    EXPECT_EQ(stale.wait(), 1);
+    EXPECT_NE(stale.errors().find(other + " is a stale mount"), std::string::npos) << stale.errors();
+    Command cleared(ambreld({"--unmount-stale", other}));
+    EXPECT_EQ(cleared.wait(), 0) << cleared.errors();
+    EXPECT_TRUE(exists(other + "/" AMBREL_PORTS_DIR));
+    Command last(ambreld({"--stop", other}));
+    EXPECT_EQ(last.wait(30), 0);
+    EXPECT_FALSE(mounted(other));
+    rmdir(other.c_str());
+}
+
+TEST(AmbreldSettings, ValuesOutsideTheDriversRangesAreRefused)
+{
+    std::string conf = "/tmp/ambreld-range-test.conf";
+    std::ofstream(conf) << "sysex-size = 2000000\n";
+    for (auto args : std::vector<std::vector<std::string>>{{"--max-ports", "0"},
+                                                            {"--max-ports", "513"},
+                                                            {"--sysex-size", "8175"},
+                                                            {"--sysex-size", "1048561"},
+                                                            {"--config", conf},
+                                                            {"--group", "no-such-group-here"},
+                                                            {"--public", "--group", "audio"}}) {
+        std::vector<std::string> argv{AMBRELD_PATH};
+        argv.insert(argv.end(), args.begin(), args.end());
+        argv.push_back("/nonexistent/mount");
+        Command c(argv);
+        EXPECT_EQ(c.wait(), 2) << args[0];
+        EXPECT_NE(c.errors().find("ambreld: "), std::string::npos) << args[0];
+    }
+    unlink(conf.c_str());
+}
+
+} // namespace
+} // namespace fetest
