@@ -968,6 +968,13 @@ void opIoctl(fuse_req_t req, fuse_ino_t, unsigned int cmd, void *, struct fuse_f
         return;
     }
     auto *o = static_cast<OwnerFile *>(f);
+    if (cmd == AMBREL_IOC_PORT_NAME) {
+        struct ambrel_port_name reply = {};
+        std::string name = utf16ToUtf8(o->name);
+        std::memcpy(reply.name, name.data(), std::min(name.size(), sizeof reply.name - 1));
+        fuse_reply_ioctl(req, 0, &reply, std::min(outSize, sizeof reply));
+        return;
+    }
     if (cmd == AMBREL_IOC_PROCESS_IDS) {
         std::uint64_t ids[16] = {};
         hk::IoResult r = o->process->deviceControl(o->handle, kIoctlProcessIds, nullptr, 0, ids, sizeof ids);

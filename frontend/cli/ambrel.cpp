@@ -1,10 +1,12 @@
 // The `ambrel` command: hold a port and watch what is played to it, play
-// bytes or a Standard MIDI File into a port, monitor what a port's owner
+// bytes or Standard MIDI Files into a port, monitor what a port's owner
 // sends, and list the ports. Everything goes through ambreld's mount; the
 // port owner's side goes through libambrel.
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -16,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -26,6 +29,7 @@
 #include "ambrel/mount.h"
 #include "midi/midi.h"
 #include "midi/smf.h"
+#include "usage_ambrel.h"
 
 namespace {
 
@@ -35,37 +39,8 @@ constexpr int kExitUsage = 2;
 constexpr int kExitNotRunning = 3;
 constexpr int kExitInterrupted = 130;
 
-const char kUsage[] =
-    "Usage: ambrel [--mount DIR] COMMAND [ARGS...]\n"
-    "\n"
-    "Virtual MIDI ports through ambreld.\n"
-    "\n"
-    "Commands:\n"
-    "  hold NAME [OPTIONS]      create the port NAME and show what MIDI programs play to it,\n"
-    "                           until Ctrl-C closes it\n"
-    "      --read, --write      one direction only (default: both)\n"
-    "      --sysex BYTES        largest SysEx the port carries (8176..1048560)\n"
-    "      --manufacturer GUID  component ids MIDI programs see\n"
-    "      --product GUID\n"
-    "      --thru               send everything received back out of the port\n"
-    "      --count N            close the port after N messages\n"
-    "      --raw                print bytes in hex instead of decoding them\n"
-    "  send NAME BYTES...       play bytes into the port NAME: hex (\"90 3C 64\"), or \"-\" for\n"
-    "                           raw bytes from standard input\n"
-    "  play NAME FILE.mid       play a Standard MIDI File into the port NAME with its timing\n"
-    "      --speed X            tempo factor (default 1)\n"
-    "      --no-progress        no progress bar\n"
-    "  monitor NAME [OPTIONS]   record from the port NAME: show what its owner sends\n"
-    "      --count N, --raw     as for hold\n"
-    "  list                     list the ports, their directions and who uses them\n"
-    "\n"
-    "Options:\n"
-    "  --mount DIR              ambreld's mount (default: $AMBREL_MOUNT, else " AMBREL_DEFAULT_MOUNT ")\n"
-    "  -h, --help               this text\n"
-    "  --version                the version\n"
-    "\n"
-    "Exit status: 0 success, 1 failure, 2 usage error, 3 ambreld not running,\n"
-    "130 interrupted (play).\n";
+// What the driver leaves out of a port's name.
+constexpr const char *kFilteredCharacters = "\\/<>\":|?*";
 
 std::atomic<bool> gStop{false};
 
@@ -92,10 +67,21 @@ int fail(const std::string &message, int code = kExitFailure)
     return code;
 }
 
-int usage(const std::string &message)
+int usage(const std::string &message, const std::string &command = "")
 {
-    std::fprintf(stderr, "ambrel: %s\nTry 'ambrel --help'.\n", message.c_str());
+    std::fprintf(stderr, "ambrel: %s\nTry 'ambrel %s--help'.\n", message.c_str(),
+                 command.empty() ? "" : (command + " ").c_str());
     return kExitUsage;
+}
+
+const char *commandHelp(const std::string &command)
+{
+    for (const CommandHelp &h : kAmbrelCommandHelp) {
+        if (command == h.name) {
+            return h.text;
+        }
+    }
+    return nullptr;
 }
 
 double now()
@@ -126,7 +112,7 @@ struct Args {
 };
 
 // Splits ARGS by the options a command knows; false (with a message) on an
-// unknown option or a missing value.
+// unknown option or a missing value. "-" alone is an argument.
 bool parseArgs(const std::vector<std::string> &in, const std::vector<std::string> &withValue,
                const std::vector<std::string> &bare, Args *out, std::string *error)
 {
@@ -172,6 +158,27 @@ bool daemonRunning(const Context &ctx)
     return stat((ctx.mount + "/" AMBREL_PORTS_DIR).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+int notRunning(const Context &ctx)
+{
+    return fail("ambreld is not running at " + ctx.mount + " (start it with ambreld, or set --mount)",
+                kExitNotRunning);
+}
+
+// One message for every way a stopped ambreld shows itself to a process
+// that had something open ("Input/output error", "Transport endpoint is not
+// connected", "Bad file descriptor", "No such device"), and one for a port
+// whose owner closed it.
+int ioFailure(const Context &ctx, const std::string &port, const std::string &what, int error)
+{
+    if (error == ESHUTDOWN) {
+        return fail("port \"" + port + "\" was closed by its owner");
+    }
+    if (error == ENODEV || error == ENOTCONN || error == ECONNABORTED || !daemonRunning(ctx)) {
+        return fail("ambreld stopped", kExitNotRunning);
+    }
+    return fail(what + ": " + std::strerror(error));
+}
+
 std::map<std::string, std::string> readInfo(const std::string &path)
 {
     std::map<std::string, std::string> info;
@@ -188,62 +195,118 @@ std::map<std::string, std::string> readInfo(const std::string &path)
     return info;
 }
 
-// The directory of a published port: by its name, else by the name its info
-// file gives (ports listed under their reference string).
-bool findPortDir(const Context &ctx, const std::string &name, std::string *dir)
+struct PortEntry {
+    std::string dir; // below <mount>/ports
+    std::map<std::string, std::string> info;
+    const std::string &name() const { return info.at("name"); }
+};
+
+std::vector<PortEntry> listPorts(const Context &ctx)
 {
-    std::string ports = ctx.mount + "/" AMBREL_PORTS_DIR;
-    struct stat st;
-    if (name.find('/') == std::string::npos && name != "." && name != ".." &&
-        stat((ports + "/" + name).c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-        *dir = ports + "/" + name;
-        return true;
-    }
-    DIR *d = opendir(ports.c_str());
+    std::vector<PortEntry> ports;
+    std::string root = ctx.mount + "/" AMBREL_PORTS_DIR;
+    DIR *d = opendir(root.c_str());
     if (d == nullptr) {
-        return false;
+        return ports;
     }
-    bool found = false;
     while (dirent *e = readdir(d)) {
         std::string entry = e->d_name;
-        if (entry == "." || entry == "..") {
-            continue;
-        }
-        if (readInfo(ports + "/" + entry + "/" AMBREL_INFO_FILE)["name"] == name) {
-            *dir = ports + "/" + entry;
-            found = true;
-            break;
+        if (entry != "." && entry != "..") {
+            auto info = readInfo(root + "/" + entry + "/" AMBREL_INFO_FILE);
+            if (info.count("name") != 0) {
+                ports.push_back(PortEntry{root + "/" + entry, std::move(info)});
+            }
         }
     }
     closedir(d);
-    return found;
+    std::sort(ports.begin(), ports.end(), [](const PortEntry &x, const PortEntry &y) { return x.name() < y.name(); });
+    return ports;
 }
 
-int openPortFile(const Context &ctx, const std::string &name, const char *file, int flags, int *fd)
+std::string driverName(const std::string &name)
 {
-    if (!daemonRunning(ctx)) {
-        return fail("ambreld is not running at " + ctx.mount + " (start it with ambreld, or set --mount)",
-                    kExitNotRunning);
+    std::string out;
+    for (char c : name) {
+        if (std::strchr(kFilteredCharacters, c) == nullptr) {
+            out.push_back(c);
+        }
     }
-    std::string dir;
-    if (!findPortDir(ctx, name, &dir)) {
-        return fail("no port named \"" + name + "\"");
+    return out;
+}
+
+// A port by the name the driver makes of `name` (as `hold` created it), else
+// by the one port whose name starts so.
+bool findPort(const Context &ctx, const std::string &name, PortEntry *port, std::string *error)
+{
+    std::string wanted = driverName(name);
+    std::vector<PortEntry> ports = listPorts(ctx);
+    std::vector<const PortEntry *> starting;
+    for (const PortEntry &p : ports) {
+        if (p.name() == wanted) {
+            *port = p;
+            return true;
+        }
+        if (!wanted.empty() && p.name().compare(0, wanted.size(), wanted) == 0) {
+            starting.push_back(&p);
+        }
     }
-    std::string path = dir + "/" + file;
+    if (starting.size() == 1) {
+        *port = *starting[0];
+        return true;
+    }
+    if (starting.empty()) {
+        *error = "no port named \"" + name + "\"";
+        if (wanted != name) {
+            *error += " (nor \"" + wanted + "\", as the driver names it)";
+        }
+    } else {
+        *error = "\"" + name + "\" could be any of";
+        for (const PortEntry *p : starting) {
+            *error += " \"" + p->name() + "\"";
+        }
+    }
+    return false;
+}
+
+std::uint32_t sysexSizeOf(const PortEntry &port)
+{
+    auto it = port.info.find("sysex-size");
+    unsigned long long v = 0;
+    return it != port.info.end() && parseNumber(it->second, 0xFFFFFFFFull, &v) ? std::uint32_t(v)
+                                                                               : AMBREL_MAX_SYSEX_SIZE;
+}
+
+int openPortFile(const Context &ctx, const PortEntry &port, const char *file, int flags, int *fd)
+{
+    std::string path = port.dir + "/" + file;
     *fd = open(path.c_str(), flags | O_CLOEXEC);
     if (*fd < 0) {
-        if (errno == ENOENT) {
-            return fail(std::string("port \"") + name + "\" has no " +
+        if (errno == ENOENT && daemonRunning(ctx)) {
+            return fail(std::string("port \"") + port.name() + "\" has no " +
                         (std::strcmp(file, AMBREL_OUT_FILE) == 0 ? "render side (nobody can play to it)"
                                                                   : "capture side (nobody can record from it)"));
         }
-        return fail("cannot open " + path + ": " + std::strerror(errno));
+        return ioFailure(ctx, port.name(), "cannot open " + path, errno);
     }
     return kExitOk;
 }
 
-// Writes all of `data`, retrying after a signal that did not ask to stop.
-bool writeAll(int fd, const std::uint8_t *data, size_t length, std::string *error)
+// Finds the port and opens one of its files; a failure has been said.
+int openPort(const Context &ctx, const std::string &name, const char *file, int flags, PortEntry *port, int *fd)
+{
+    if (!daemonRunning(ctx)) {
+        return notRunning(ctx);
+    }
+    std::string error;
+    if (!findPort(ctx, name, port, &error)) {
+        return fail(error);
+    }
+    return openPortFile(ctx, *port, file, flags, fd);
+}
+
+// Writes all of `data`, retrying after a signal that did not ask to stop;
+// the errno of a failure.
+int writeAll(int fd, const std::uint8_t *data, size_t length)
 {
     while (length > 0) {
         ssize_t n = write(fd, data, length);
@@ -251,11 +314,41 @@ bool writeAll(int fd, const std::uint8_t *data, size_t length, std::string *erro
             if (errno == EINTR && !gStop) {
                 continue;
             }
-            *error = std::strerror(errno);
-            return false;
+            return errno;
         }
         data += n;
         length -= size_t(n);
+    }
+    return 0;
+}
+
+// A port's writer closes its file: close() waits until the bytes are in the
+// port and says when they could not all go.
+int closeWriter(const Context &ctx, const std::string &port, int fd, const char *what)
+{
+    if (close(fd) != 0 && errno != EINTR) {
+        return ioFailure(ctx, port, what, errno);
+    }
+    return kExitOk;
+}
+
+// Checks bytes before anything is sent, as the port would cut them; the
+// reason when the port would drop some.
+bool checkMidi(const std::vector<std::uint8_t> &bytes, std::uint32_t sysexSize, std::string *error)
+{
+    ambrel::midi::Framer framer(sysexSize);
+    size_t taken = 0;
+    auto fault = framer.feed(bytes.data(), bytes.size(), [](const std::uint8_t *, size_t) {}, &taken);
+    if (fault != ambrel::midi::Framer::Fault::None) {
+        *error = std::string(ambrel::midi::faultText(fault)) + " at byte " + std::to_string(taken + 1);
+        if (fault == ambrel::midi::Framer::Fault::SysexTooLong) {
+            *error += " (the port carries " + std::to_string(sysexSize) + " bytes)";
+        }
+        return false;
+    }
+    if (framer.begun() > 0) {
+        *error = "the last message is cut short (" + std::to_string(framer.begun()) + " bytes)";
+        return false;
     }
     return true;
 }
@@ -281,10 +374,10 @@ int cmdHold(const Context &ctx, const std::vector<std::string> &argv)
     std::string error;
     if (!parseArgs(argv, {"--sysex", "--manufacturer", "--product", "--count"},
                    {"--read", "--write", "--thru", "--raw"}, &a, &error)) {
-        return usage(error);
+        return usage(error, "hold");
     }
     if (a.positional.size() != 1) {
-        return usage("hold needs exactly one port name");
+        return usage("hold needs exactly one port name", "hold");
     }
     ambrel::Options o;
     o.root = ctx.mount;
@@ -295,14 +388,19 @@ int cmdHold(const Context &ctx, const std::vector<std::string> &argv)
     }
     unsigned long long value = 0;
     if (a.values.count("--sysex")) {
-        if (!parseNumber(a.values["--sysex"], 0xFFFFFFFFull, &value) || value == 0) {
-            return usage("--sysex needs a size in bytes");
+        if (!parseNumber(a.values["--sysex"], 0xFFFFFFFFull, &value)) {
+            return usage("--sysex needs a size in bytes", "hold");
+        }
+        if (value < AMBREL_MIN_SYSEX_SIZE || value > AMBREL_MAX_SYSEX_SIZE) {
+            return usage("--sysex " + std::to_string(value) + " is outside " + std::to_string(AMBREL_MIN_SYSEX_SIZE) +
+                             ".." + std::to_string(AMBREL_MAX_SYSEX_SIZE),
+                         "hold");
         }
         o.sysexSize = std::uint32_t(value);
     }
     unsigned long long count = 0;
     if (a.values.count("--count") && (!parseNumber(a.values["--count"], ~0ull, &count) || count == 0)) {
-        return usage("--count needs a positive number");
+        return usage("--count needs a positive number", "hold");
     }
     try {
         if (a.values.count("--manufacturer")) {
@@ -312,23 +410,34 @@ int cmdHold(const Context &ctx, const std::vector<std::string> &argv)
             o.product = ambrel::parseGuid(a.values["--product"]);
         }
     } catch (const ambrel::Error &e) {
-        return usage(e.what());
+        return usage(e.what(), "hold");
     }
     bool thru = a.has("--thru");
     if (thru && o.access != (AMBREL_READ | AMBREL_WRITE)) {
-        return usage("--thru needs both directions");
+        return usage("--thru needs both directions", "hold");
     }
-    const std::string &name = a.positional[0];
+    const std::string &asked = a.positional[0];
     catchSignals();
     ambrel::Port port;
     try {
-        port = ambrel::Port(name, o);
+        port = ambrel::Port(asked, o);
     } catch (const ambrel::Error &e) {
         return fail(e.what(), e.code() == AMBREL_E_NODRIVER ? kExitNotRunning : kExitFailure);
     }
+    // The driver may have left characters out: the name programs see is
+    // the one to say.
+    struct ambrel_port_name real = {};
+    std::string name = asked;
+    if (ioctl(int(ambrel_native_handle(port.get())), AMBREL_IOC_PORT_NAME, &real) == 0) {
+        name = real.name;
+    }
     std::fprintf(stderr, "ambrel: port \"%s\" is open (%s); Ctrl-C closes it\n", name.c_str(),
-                 o.access == AMBREL_READ ? "programs play to it" :
-                 o.access == AMBREL_WRITE ? "programs record from it" : "programs play to it and record from it");
+                 o.access == AMBREL_READ    ? "programs play to it"
+                 : o.access == AMBREL_WRITE ? "programs record from it"
+                                            : "programs play to it and record from it");
+    if (name != asked) {
+        std::fprintf(stderr, "ambrel: (port names leave out the characters %s)\n", kFilteredCharacters);
+    }
     if ((o.access & AMBREL_READ) == 0) {
         // Nothing to show: hold the port until told to stop.
         while (!gStop) {
@@ -340,21 +449,18 @@ int cmdHold(const Context &ctx, const std::vector<std::string> &argv)
     ambrel::midi::Splitter splitter;
     std::vector<std::uint8_t> buffer(1 << 20);
     unsigned long long seen = 0;
-    int rc = kExitOk;
     while (!gStop && (count == 0 || seen < count)) {
         long n = ambrel_read(port.get(), buffer.data(), buffer.size(), 500);
         if (n == AMBREL_E_TIMEOUT || n == AMBREL_E_INTERRUPTED) {
             continue;
         }
         if (n < 0) {
-            rc = fail(std::string("read: ") + ambrel_strerror(int(n)));
-            break;
+            return ioFailure(ctx, name, std::string("read: ") + ambrel_strerror(int(n)), ambrel_last_os_error());
         }
         if (thru) {
             long w = ambrel_write(port.get(), buffer.data(), size_t(n));
             if (w < 0) {
-                rc = fail(std::string("write: ") + ambrel_strerror(int(w)));
-                break;
+                return ioFailure(ctx, name, std::string("write: ") + ambrel_strerror(int(w)), ambrel_last_os_error());
             }
         }
         splitter.feed(buffer.data(), size_t(n), [&](const std::uint8_t *m, size_t len) {
@@ -362,23 +468,43 @@ int cmdHold(const Context &ctx, const std::vector<std::string> &argv)
             printer.print(m, len, m[0] == 0xF0 ? splitter.sysexLength() : 0);
         });
     }
-    return rc;
+    return kExitOk;
+}
+
+// All of standard input, up to `limit` bytes; false when it holds more.
+bool readStdin(std::vector<std::uint8_t> *bytes, size_t limit, std::string *error)
+{
+    std::vector<std::uint8_t> chunk(65536);
+    for (;;) {
+        ssize_t n = read(STDIN_FILENO, chunk.data(), chunk.size());
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            *error = std::string("reading standard input: ") + std::strerror(errno);
+            return false;
+        }
+        if (n == 0) {
+            return true;
+        }
+        if (bytes->size() + size_t(n) > limit) {
+            *error = "standard input holds more than " + std::to_string(limit) + " bytes";
+            return false;
+        }
+        bytes->insert(bytes->end(), chunk.begin(), chunk.begin() + n);
+    }
 }
 
 int cmdSend(const Context &ctx, const std::vector<std::string> &argv)
 {
     if (argv.size() < 2) {
-        return usage("send needs a port name and bytes");
+        return usage("send needs a port name and bytes", "send");
     }
     std::vector<std::uint8_t> bytes;
+    std::string error;
     if (argv.size() == 2 && argv[1] == "-") {
-        std::vector<std::uint8_t> chunk(65536);
-        ssize_t n;
-        while ((n = read(STDIN_FILENO, chunk.data(), chunk.size())) > 0) {
-            bytes.insert(bytes.end(), chunk.begin(), chunk.begin() + n);
-        }
-        if (n < 0) {
-            return fail(std::string("reading standard input: ") + std::strerror(errno));
+        if (!readStdin(&bytes, 64u << 20, &error)) {
+            return fail(error);
         }
         if (bytes.empty()) {
             return fail("nothing to send on standard input");
@@ -389,30 +515,57 @@ int cmdSend(const Context &ctx, const std::vector<std::string> &argv)
             text += argv[i] + " ";
         }
         if (!ambrel::midi::parseHex(text, &bytes)) {
-            return usage("bytes must be hexadecimal pairs, e.g. \"90 3C 64\"");
+            return usage("bytes must be hexadecimal pairs, e.g. \"90 3C 64\"", "send");
         }
     }
+    if (!daemonRunning(ctx)) {
+        return notRunning(ctx);
+    }
+    PortEntry port;
+    if (!findPort(ctx, argv[0], &port, &error)) {
+        return fail(error);
+    }
+    if (!checkMidi(bytes, sysexSizeOf(port), &error)) {
+        return fail("nothing sent: " + error);
+    }
     int fd = -1;
-    int rc = openPortFile(ctx, argv[0], AMBREL_OUT_FILE, O_WRONLY, &fd);
-    if (rc != kExitOk) {
+    if (int rc = openPortFile(ctx, port, AMBREL_OUT_FILE, O_WRONLY, &fd); rc != kExitOk) {
         return rc;
     }
-    std::string error;
-    bool ok = writeAll(fd, bytes.data(), bytes.size(), &error);
-    close(fd);
-    return ok ? kExitOk : fail("send: " + error);
+    if (int e = writeAll(fd, bytes.data(), bytes.size())) {
+        close(fd);
+        return ioFailure(ctx, port.name(), "send", e);
+    }
+    return closeWriter(ctx, port.name(), fd, "send");
 }
 
-void drawProgress(double t, double total)
+void drawProgress(const std::string &file, double t, double total)
 {
     constexpr int width = 30;
     double f = total > 0 ? std::min(1.0, t / total) : 1.0;
     int filled = int(f * width + 0.5);
     std::string bar(size_t(filled), '#');
     bar.append(size_t(width - filled), '-');
-    std::fprintf(stderr, "\r[%s] %3d%%  %d:%02d / %d:%02d", bar.c_str(), int(f * 100), int(t) / 60, int(t) % 60,
-                 int(total) / 60, int(total) % 60);
+    std::fprintf(stderr, "\r%s [%s] %3d%%  %d:%02d / %d:%02d", file.c_str(), bar.c_str(), int(f * 100), int(t) / 60,
+                 int(t) % 60, int(total) / 60, int(total) % 60);
     std::fflush(stderr);
+}
+
+// A file to play, or "-": read and checked whole before anything plays.
+bool loadSong(const std::string &path, std::uint32_t sysexSize, ambrel::midi::Smf *smf, std::string *error)
+{
+    if (!ambrel::midi::readSmfFile(path, smf, error)) {
+        *error = (path == "-" ? "standard input" : path) + ": " + *error;
+        return false;
+    }
+    for (const ambrel::midi::SmfEvent &e : smf->events) {
+        if (e.bytes.size() > sysexSize) {
+            *error = (path == "-" ? "standard input" : path) + ": a SysEx of " + std::to_string(e.bytes.size()) +
+                     " bytes, longer than the port carries (" + std::to_string(sysexSize) + ")";
+            return false;
+        }
+    }
+    return true;
 }
 
 int cmdPlay(const Context &ctx, const std::vector<std::string> &argv)
@@ -420,90 +573,117 @@ int cmdPlay(const Context &ctx, const std::vector<std::string> &argv)
     Args a;
     std::string error;
     if (!parseArgs(argv, {"--speed"}, {"--no-progress"}, &a, &error)) {
-        return usage(error);
+        return usage(error, "play");
     }
-    if (a.positional.size() != 2) {
-        return usage("play needs a port name and a file");
+    if (a.positional.size() < 2) {
+        return usage("play needs a port name and at least one file", "play");
+    }
+    if (std::count(a.positional.begin() + 1, a.positional.end(), "-") > 1) {
+        return usage("standard input (\"-\") can be played once", "play");
     }
     double speed = 1;
     if (a.values.count("--speed")) {
         char *end = nullptr;
         speed = std::strtod(a.values["--speed"].c_str(), &end);
         if (end == nullptr || *end != '\0' || !(speed > 0) || !std::isfinite(speed)) {
-            return usage("--speed needs a positive factor");
+            return usage("--speed needs a positive factor", "play");
         }
     }
-    ambrel::midi::Smf smf;
-    if (!ambrel::midi::readSmfFile(a.positional[1], &smf, &error)) {
-        return fail(a.positional[1] + ": " + error);
+    if (!daemonRunning(ctx)) {
+        return notRunning(ctx);
+    }
+    PortEntry port;
+    if (!findPort(ctx, a.positional[0], &port, &error)) {
+        return fail(error);
+    }
+    std::vector<ambrel::midi::Smf> songs(a.positional.size() - 1);
+    for (size_t i = 0; i < songs.size(); ++i) {
+        if (!loadSong(a.positional[i + 1], sysexSizeOf(port), &songs[i], &error)) {
+            return fail(error);
+        }
     }
     int fd = -1;
-    int rc = openPortFile(ctx, a.positional[0], AMBREL_OUT_FILE, O_WRONLY, &fd);
-    if (rc != kExitOk) {
+    if (int rc = openPortFile(ctx, port, AMBREL_OUT_FILE, O_WRONLY, &fd); rc != kExitOk) {
         return rc;
     }
     catchSignals();
-    bool progress = !a.has("--no-progress");
-    double total = smf.duration / speed;
-    timespec start;
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    double startSeconds = double(start.tv_sec) + double(start.tv_nsec) / 1e9;
-    double lastDrawn = -1;
-    for (const ambrel::midi::SmfEvent &e : smf.events) {
-        double due = startSeconds + e.seconds / speed;
-        timespec ts;
-        ts.tv_sec = time_t(due);
-        ts.tv_nsec = long((due - double(ts.tv_sec)) * 1e9);
-        while (!gStop && clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) == EINTR) {
+    bool progress = !a.has("--no-progress") && isatty(STDERR_FILENO);
+    for (size_t i = 0; i < songs.size() && !gStop; ++i) {
+        const ambrel::midi::Smf &smf = songs[i];
+        std::string label = a.positional[i + 1] == "-" ? "(stdin)" : a.positional[i + 1];
+        double total = smf.duration / speed;
+        double startSeconds = now();
+        double lastDrawn = -1;
+        for (const ambrel::midi::SmfEvent &e : smf.events) {
+            double due = startSeconds + e.seconds / speed;
+            timespec ts;
+            ts.tv_sec = time_t(due);
+            ts.tv_nsec = long((due - double(ts.tv_sec)) * 1e9);
+            while (!gStop && clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) == EINTR) {
+            }
+            if (gStop) {
+                break;
+            }
+            if (int err = writeAll(fd, e.bytes.data(), e.bytes.size())) {
+                if (progress) {
+                    std::fputc('\n', stderr);
+                }
+                close(fd);
+                return ioFailure(ctx, port.name(), "play", err);
+            }
+            double t = e.seconds / speed;
+            if (progress && t - lastDrawn >= 0.1) {
+                drawProgress(label, t, total);
+                lastDrawn = t;
+            }
         }
-        if (gStop) {
-            break;
-        }
-        if (!writeAll(fd, e.bytes.data(), e.bytes.size(), &error)) {
-            rc = fail("play: " + error);
-            break;
-        }
-        double t = e.seconds / speed;
-        if (progress && t - lastDrawn >= 0.1) {
-            drawProgress(t, total);
-            lastDrawn = t;
+        if (progress) {
+            if (!gStop) {
+                drawProgress(label, total, total);
+            }
+            std::fputc('\n', stderr);
         }
     }
     if (gStop) {
         // Leave no note hanging: All Notes Off on every channel.
+        gStop = false;
         for (int ch = 0; ch < 16; ++ch) {
             std::uint8_t off[3] = {std::uint8_t(0xB0 | ch), 123, 0};
-            writeAll(fd, off, sizeof off, &error);
+            writeAll(fd, off, sizeof off);
         }
-        rc = kExitInterrupted;
+        close(fd);
+        return kExitInterrupted;
     }
-    if (progress) {
-        if (rc == kExitOk) {
-            drawProgress(total, total);
-        }
-        std::fputc('\n', stderr);
-    }
-    close(fd);
-    return rc;
+    return closeWriter(ctx, port.name(), fd, "play");
 }
 
 int cmdMonitor(const Context &ctx, const std::vector<std::string> &argv)
 {
     Args a;
     std::string error;
-    if (!parseArgs(argv, {"--count"}, {"--raw"}, &a, &error)) {
-        return usage(error);
+    if (!parseArgs(argv, {"--count", "--timeout"}, {"--raw", "--clock", "--active-sensing"}, &a, &error)) {
+        return usage(error, "monitor");
     }
     if (a.positional.size() != 1) {
-        return usage("monitor needs exactly one port name");
+        return usage("monitor needs exactly one port name", "monitor");
     }
     unsigned long long count = 0;
     if (a.values.count("--count") && (!parseNumber(a.values["--count"], ~0ull, &count) || count == 0)) {
-        return usage("--count needs a positive number");
+        return usage("--count needs a positive number", "monitor");
     }
+    int timeoutMs = -1;
+    if (a.values.count("--timeout")) {
+        char *end = nullptr;
+        double seconds = std::strtod(a.values["--timeout"].c_str(), &end);
+        if (end == nullptr || *end != '\0' || !(seconds > 0) || seconds > 86400) {
+            return usage("--timeout needs seconds (up to 86400)", "monitor");
+        }
+        timeoutMs = int(seconds * 1000 + 0.5);
+    }
+    bool clock = a.has("--clock"), sensing = a.has("--active-sensing");
+    PortEntry port;
     int fd = -1;
-    int rc = openPortFile(ctx, a.positional[0], AMBREL_IN_FILE, O_RDONLY, &fd);
-    if (rc != kExitOk) {
+    if (int rc = openPort(ctx, a.positional[0], AMBREL_IN_FILE, O_RDONLY, &port, &fd); rc != kExitOk) {
         return rc;
     }
     catchSignals();
@@ -511,18 +691,27 @@ int cmdMonitor(const Context &ctx, const std::vector<std::string> &argv)
     ambrel::midi::Splitter splitter;
     std::vector<std::uint8_t> buffer((1 << 20) + 64);
     unsigned long long seen = 0;
+    int rc = kExitOk;
     while (!gStop && (count == 0 || seen < count)) {
-        ssize_t n = read(fd, buffer.data(), buffer.size());
+        struct pollfd p = {fd, POLLIN, 0};
+        int ready = poll(&p, 1, timeoutMs);
+        if (ready == 0) {
+            break; // quiet for --timeout: done
+        }
+        ssize_t n = ready < 0 ? -1 : read(fd, buffer.data(), buffer.size());
         if (n < 0 && errno == EINTR) {
             continue;
         }
         if (n <= 0) {
             if (n < 0) {
-                rc = fail(std::string("monitor: ") + std::strerror(errno));
+                rc = ioFailure(ctx, port.name(), "monitor", errno);
             }
             break;
         }
         splitter.feed(buffer.data(), size_t(n), [&](const std::uint8_t *m, size_t len) {
+            if ((m[0] == 0xF8 && !clock) || (m[0] == 0xFE && !sensing) || (count != 0 && seen >= count)) {
+                return;
+            }
             ++seen;
             printer.print(m, len, m[0] == 0xF0 ? splitter.sysexLength() : 0);
         });
@@ -531,43 +720,83 @@ int cmdMonitor(const Context &ctx, const std::vector<std::string> &argv)
     return rc;
 }
 
-int cmdList(const Context &ctx, const std::vector<std::string> &argv)
+std::string jsonString(const std::string &s)
 {
-    if (!argv.empty()) {
-        return usage("list takes no arguments");
-    }
-    if (!daemonRunning(ctx)) {
-        return fail("ambreld is not running at " + ctx.mount + " (start it with ambreld, or set --mount)",
-                    kExitNotRunning);
-    }
-    std::string ports = ctx.mount + "/" AMBREL_PORTS_DIR;
-    DIR *d = opendir(ports.c_str());
-    if (d == nullptr) {
-        return fail("cannot list " + ports + ": " + std::strerror(errno));
-    }
-    std::vector<std::map<std::string, std::string>> rows;
-    while (dirent *e = readdir(d)) {
-        std::string entry = e->d_name;
-        if (entry != "." && entry != "..") {
-            auto info = readInfo(ports + "/" + entry + "/" AMBREL_INFO_FILE);
-            if (!info.empty()) {
-                rows.push_back(std::move(info));
-            }
+    std::string out = "\"";
+    for (unsigned char c : s) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += char(c);
+        } else if (c < 0x20) {
+            char esc[8];
+            std::snprintf(esc, sizeof esc, "\\u%04x", c);
+            out += esc;
+        } else {
+            out += char(c);
         }
     }
-    closedir(d);
-    std::sort(rows.begin(), rows.end(), [](auto &x, auto &y) { return x["name"] < y["name"]; });
-    std::printf("%-24s %-16s %-8s %s\n", "PORT", "DIRECTION", "OWNER", "PROCESSES");
-    for (auto &r : rows) {
-        std::printf("%-24s %-16s %-8s %s\n", r["name"].c_str(), r["direction"].c_str(), r["owner"].c_str(),
-                    r["processes"].empty() ? "-" : r["processes"].c_str());
+    return out + "\"";
+}
+
+int cmdList(const Context &ctx, const std::vector<std::string> &argv)
+{
+    Args a;
+    std::string error;
+    if (!parseArgs(argv, {}, {"--json"}, &a, &error)) {
+        return usage(error, "list");
+    }
+    if (!a.positional.empty()) {
+        return usage("list takes no arguments", "list");
+    }
+    if (!daemonRunning(ctx)) {
+        return notRunning(ctx);
+    }
+    std::vector<PortEntry> ports = listPorts(ctx);
+    if (a.has("--json")) {
+        std::printf("[");
+        const char *separator = "";
+        for (PortEntry &p : ports) {
+            std::string processes;
+            std::istringstream ids(p.info["processes"]);
+            for (std::string id; ids >> id;) {
+                processes += (processes.empty() ? "" : ", ") + id;
+            }
+            std::string owner = p.info["owner"].empty() ? "null" : p.info["owner"];
+            std::string sysex = p.info["sysex-size"].empty() ? "null" : p.info["sysex-size"];
+            std::string dir = p.dir.substr(p.dir.rfind('/') + 1);
+            std::printf("%s\n  {\"name\": %s, \"directory\": %s, \"direction\": %s, \"sysex_size\": %s, "
+                        "\"owner\": %s, \"processes\": [%s]}",
+                        separator, jsonString(p.name()).c_str(), jsonString(dir).c_str(),
+                        jsonString(p.info["direction"]).c_str(), sysex.c_str(), owner.c_str(), processes.c_str());
+            separator = ",";
+        }
+        std::printf("%s]\n", ports.empty() ? "" : "\n");
+        return kExitOk;
+    }
+    std::printf("%-24s %-16s %-8s %-8s %s\n", "PORT", "DIRECTION", "SYSEX", "OWNER", "PROCESSES");
+    for (PortEntry &p : ports) {
+        std::printf("%-24s %-16s %-8s %-8s %s\n", p.name().c_str(), p.info["direction"].c_str(),
+                    p.info["sysex-size"].c_str(), p.info["owner"].c_str(),
+                    p.info["processes"].empty() ? "-" : p.info["processes"].c_str());
     }
     return kExitOk;
 }
 
-} // namespace
+int cmdHelp(const std::vector<std::string> &argv)
+{
+    if (argv.empty()) {
+        std::fputs(kAmbrelUsage, stdout);
+        return kExitOk;
+    }
+    const char *text = argv.size() == 1 ? commandHelp(argv[0]) : nullptr;
+    if (text == nullptr) {
+        return usage("no help for \"" + argv[0] + "\": not a command");
+    }
+    std::fputs(text, stdout);
+    return kExitOk;
+}
 
-int main(int argc, char **argv)
+int run(int argc, char **argv)
 {
     Context ctx;
     const char *env = std::getenv(AMBREL_MOUNT_ENV);
@@ -576,11 +805,11 @@ int main(int argc, char **argv)
     for (; i < argc; ++i) {
         std::string a = argv[i];
         if (a == "-h" || a == "--help") {
-            std::fputs(kUsage, stdout);
+            std::fputs(kAmbrelUsage, stdout);
             return kExitOk;
         }
         if (a == "--version") {
-            std::puts("ambrel 1.0");
+            std::puts("ambrel " AMBREL_VERSION);
             return kExitOk;
         }
         if (a == "--mount" || a.compare(0, 8, "--mount=") == 0) {
@@ -604,9 +833,16 @@ int main(int argc, char **argv)
     }
     std::string command = argv[i];
     std::vector<std::string> rest(argv + i + 1, argv + argc);
+    if (command == "help") {
+        return cmdHelp(rest);
+    }
+    const char *help = commandHelp(command);
+    if (help == nullptr) {
+        return usage("unknown command \"" + command + "\"");
+    }
     for (const std::string &r : rest) {
         if (r == "-h" || r == "--help") {
-            std::fputs(kUsage, stdout);
+            std::fputs(help, stdout);
             return kExitOk;
         }
     }
@@ -622,8 +858,17 @@ int main(int argc, char **argv)
     if (command == "monitor") {
         return cmdMonitor(ctx, rest);
     }
-    if (command == "list") {
-        return cmdList(ctx, rest);
+    return cmdList(ctx, rest);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    // Nothing the command meets ends it without a word and an exit status.
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &e) {
+        return fail(std::string("unexpected failure: ") + e.what());
     }
-    return usage("unknown command \"" + command + "\"");
 }

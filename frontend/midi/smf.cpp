@@ -1,6 +1,11 @@
 #include "smf.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -273,14 +278,51 @@ bool parseSmf(const std::uint8_t *data, std::size_t length, Smf *smf, std::strin
 
 bool readSmfFile(const std::string &path, Smf *smf, std::string *error)
 {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        *error = "cannot open " + path;
+    int fd = path == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0) : open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        *error = std::strerror(errno);
         return false;
     }
-    std::vector<std::uint8_t> data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (in.bad()) {
-        *error = "cannot read " + path;
+    // Regular files, and pipes (a song fed by another program); no device
+    // or directory.
+    struct stat st;
+    if (fstat(fd, &st) != 0 || (!S_ISREG(st.st_mode) && !S_ISFIFO(st.st_mode))) {
+        *error = S_ISDIR(st.st_mode) ? "is a directory" : "not a regular file";
+        close(fd);
+        return false;
+    }
+    if (st.st_size > off_t(kMaxSmfBytes)) {
+        *error = "larger than " + std::to_string(kMaxSmfBytes >> 20) + " MiB: not a song this plays";
+        close(fd);
+        return false;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK); // a pipe is waited for
+    }
+    std::vector<std::uint8_t> data(S_ISREG(st.st_mode) ? size_t(st.st_size) : kMaxSmfBytes + 1);
+    size_t got = 0;
+    while (got < data.size()) {
+        ssize_t n = read(fd, data.data() + got, data.size() - got);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        got += size_t(n);
+        // The header first: anything else is refused before it is read.
+        if (got >= 8 && (std::memcmp(data.data(), "MThd", 4) != 0)) {
+            break;
+        }
+    }
+    close(fd);
+    if (got > kMaxSmfBytes) {
+        *error = "larger than " + std::to_string(kMaxSmfBytes >> 20) + " MiB: not a song this plays";
+        return false;
+    }
+    data.resize(got);
+    if (got < 4 || std::memcmp(data.data(), "MThd", 4) != 0) {
+        *error = "not a Standard MIDI File (it does not begin with MThd)";
         return false;
     }
     return parseSmf(data.data(), data.size(), smf, error);

@@ -13,7 +13,11 @@ TEST(AmbrelCommand, ExitStatusesFollowTheConventions)
         const char *stdoutHas;
     } cases[] = {
         {{"--help"}, 0, "Usage: ambrel"},
-        {{"send", "--help"}, 0, "Usage: ambrel"},
+        {{"send", "--help"}, 0, "Usage: ambrel send NAME BYTES"},
+        {{"play", "Piano", "x.mid", "-h"}, 0, "Usage: ambrel play NAME FILE"},
+        {{"help", "monitor"}, 0, "--timeout SECONDS"},
+        {{"help"}, 0, "Commands:"},
+        {{"help", "frobnicate"}, 2, ""},
         {{"--version"}, 0, "ambrel "},
         {{}, 2, ""},
         {{"frobnicate"}, 2, ""},
@@ -22,6 +26,10 @@ TEST(AmbrelCommand, ExitStatusesFollowTheConventions)
         {{"send", "Piano", "zz"}, 2, ""},
         {{"hold"}, 2, ""},
         {{"hold", "Piano", "--sysex", "lots"}, 2, ""},
+        {{"hold", "Piano", "--sysex", "8175"}, 2, ""},
+        {{"monitor", "Piano", "--timeout", "soon"}, 2, ""},
+        {{"play", "Piano", "-", "-"}, 2, ""},
+        {{"list", "--yaml"}, 2, ""},
         {{"hold", "Piano", "--manufacturer", "{bad}"}, 2, ""},
         {{"hold", "Piano", "--read", "--thru"}, 2, ""},
         {{"monitor", "Piano", "--count", "0"}, 2, ""},
@@ -29,7 +37,7 @@ TEST(AmbrelCommand, ExitStatusesFollowTheConventions)
         {{"--mount", "/nonexistent", "list"}, 3, ""},
         {{"--mount", "/nonexistent", "send", "Piano", "90 3C 64"}, 3, ""},
         {{"--mount", "/nonexistent", "hold", "Piano", "--count", "1"}, 3, ""},
-        {{"--mount", "/nonexistent", "play", "Piano", "/nonexistent/song.mid"}, 1, ""},
+        {{"--mount", "/nonexistent", "play", "Piano", "/nonexistent/song.mid"}, 3, ""},
     };
     for (const Case &c : cases) {
         std::vector<std::string> argv{AMBREL_CLI_PATH};

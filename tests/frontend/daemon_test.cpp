@@ -882,3 +882,226 @@ TEST(AmbreldSettings, ValuesOutsideTheDriversRangesAreRefused)
 
 } // namespace
 } // namespace fetest
+
+namespace fetest {
+namespace {
+
+Bytes smfOf(const Bytes &events)
+{
+    Bytes track = events;
+    track.insert(track.end(), {0x00, 0xFF, 0x2F, 0x00});
+    Bytes file{'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, 0, 0, 1, 0, 96, 'M', 'T', 'r', 'k', 0, 0,
+               std::uint8_t(track.size() >> 8), std::uint8_t(track.size())};
+    file.insert(file.end(), track.begin(), track.end());
+    return file;
+}
+
+std::string writeSong(const std::string &path, const Bytes &file)
+{
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char *>(file.data()), long(file.size()));
+    return path;
+}
+
+TEST_F(DaemonTest, TheCommandFindsPortsAsTheDriverNamesThemAndChecksWhatItSends)
+{
+    Command hold(cli({"hold", "A:B", "--count", "1", "--raw", "--sysex", "8192"}));
+    ASSERT_TRUE(eventually([&] { return exists(portFile("AB", AMBREL_INFO_FILE)); }));
+    int other = openFile(path("Alto"), O_RDONLY);
+    ASSERT_GE(other, 0);
+    Bytes longSysex(8193, 0x01);
+    longSysex.front() = 0xF0;
+    longSysex.back() = 0xF7;
+    std::string song = writeSong(mount_ + "-long.mid", smfOf([&] {
+        Bytes e{0x00, 0xF0, 0xC0, 0x00}; // a SysEx event: 8191 data bytes and F7
+        e.insert(e.end(), 8191, 0x01);
+        e.push_back(0xF7);
+        return e;
+    }()));
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        const char *says; // on standard error
+    } cases[] = {
+        {{"send", "A", "90 3C 64"}, 1, "\"A\" could be any of \"AB\" \"Alto\""},
+        {{"send", "Nope", "90 3C 64"}, 1, "no port named \"Nope\""},
+        {{"send", "A:B", "90 3C"}, 1, "nothing sent: the last message is cut short"},
+        {{"send", "A:B", "3C 64"}, 1, "nothing sent: a data byte with no status byte before it at byte 1"},
+        {{"send", "AB", "-"}, 1, "nothing sent: a SysEx longer than the port carries"},
+        {{"play", "AB", song}, 1, "longer than the port carries (8192)"},
+        {{"play", "AB", mount_}, 1, "is a directory"},
+        {{"play", "AB", "/dev/zero"}, 1, "not a regular file"},
+        {{"play", "AB", "/etc/passwd"}, 1, "not a Standard MIDI File"},
+        {{"send", "A:B", "90 3C 64"}, 0, ""},
+    };
+    for (const Case &c : cases) {
+        std::vector<std::string> argv = cli({});
+        argv.insert(argv.end(), c.args.begin(), c.args.end());
+        std::string input(longSysex.begin(), longSysex.end());
+        Command cmd(argv, input);
+        EXPECT_EQ(cmd.wait(), c.status) << c.args[0] << " " << c.args[2];
+        std::string said = cmd.errors();
+        EXPECT_NE(said.find(c.says), std::string::npos) << said;
+    }
+    // Only the last send arrived: the holder took one message and says the
+    // name the port got.
+    EXPECT_EQ(hold.wait(), 0);
+    EXPECT_NE(hold.output().find("90 3C 64\n"), std::string::npos);
+    EXPECT_NE(hold.errors().find("port \"AB\" is open"), std::string::npos);
+    unlink(song.c_str());
+}
+
+TEST_F(DaemonTest, PlayTakesSeveralFilesAndStandardInput)
+{
+    int owner = openFile(path("Songs"), O_RDONLY);
+    ASSERT_GE(owner, 0);
+    std::string first = writeSong(mount_ + "-1.mid", smfOf({0x00, 0x90, 60, 100}));
+    std::string second = writeSong(mount_ + "-2.mid", smfOf({0x00, 0x90, 62, 100}));
+    Bytes third = smfOf({0x00, 0x90, 64, 100});
+    Command play(cli({"play", "Songs", first, "-", second}), std::string(third.begin(), third.end()));
+    EXPECT_EQ(play.wait(), 0) << play.errors();
+    EXPECT_EQ(play.errors(), ""); // no progress bar without a terminal
+    EXPECT_EQ(readBytes(owner, 9), (Bytes{0x90, 60, 100, 0x90, 64, 100, 0x90, 62, 100}));
+    unlink(first.c_str());
+    unlink(second.c_str());
+}
+
+TEST_F(DaemonTest, MonitorStopsWhenQuietAndLeavesClockOutLikeAmidi)
+{
+    int owner = openFile(path("Beat"), O_WRONLY);
+    ASSERT_GE(owner, 0);
+    for (bool clock : {false, true}) {
+        Command monitor(cli(clock ? std::initializer_list<std::string>{"monitor", "Beat", "--raw", "--timeout", "0.5",
+                                                                       "--clock"}
+                                  : std::initializer_list<std::string>{"monitor", "Beat", "--raw", "--timeout",
+                                                                       "0.5"}));
+        ASSERT_TRUE(eventually([&] { return processIds(owner).size() == 1; }));
+        Bytes beat{0xF8, 0xFE, 0x90, 0x3C, 0x64};
+        ASSERT_EQ(write(owner, beat.data(), beat.size()), ssize_t(beat.size()));
+        EXPECT_EQ(monitor.wait(), 0);
+        std::string out = monitor.output();
+        EXPECT_NE(out.find("90 3C 64\n"), std::string::npos) << out;
+        EXPECT_EQ(out.find("F8\n") != std::string::npos, clock) << out;
+        EXPECT_EQ(out.find("FE\n"), std::string::npos) << out;
+        ASSERT_TRUE(eventually([&] { return processIds(owner).empty(); }));
+    }
+}
+
+TEST_F(DaemonTest, ListSaysSysexSizesAndSpeaksJson)
+{
+    ASSERT_GE(openFile(path("Json \"quoted\"\\8192"), O_RDWR), 0);
+    Command list(cli({"list"}));
+    ASSERT_EQ(list.wait(), 0);
+    std::string table = list.output();
+    EXPECT_NE(table.find("SYSEX"), std::string::npos) << table;
+    EXPECT_NE(table.find("8192"), std::string::npos) << table;
+    Command json(cli({"list", "--json"}));
+    ASSERT_EQ(json.wait(), 0);
+    std::string text = json.output();
+    EXPECT_NE(text.find("\"name\": \"Json quoted\""), std::string::npos) << text;
+    EXPECT_NE(text.find("\"sysex_size\": 8192"), std::string::npos) << text;
+    EXPECT_NE(text.find("\"owner\": " + std::to_string(getpid())), std::string::npos) << text;
+    EXPECT_EQ(text.front(), '[');
+}
+
+TEST_F(DaemonTest, CommandsSayWhenTheOwnerOrAmbreldGoes)
+{
+    // Long songs: one note a second.
+    Bytes events;
+    for (int i = 0; i < 30; ++i) {
+        events.insert(events.end(), {0x81, 0x40, 0x90, 60, 100}); // 192 ticks: a second at 120 bpm
+    }
+    std::string song = writeSong(mount_ + "-long.mid", smfOf(events));
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    std::string own = path("Leaving");
+    Child owner([&] {
+        int fd = ::open(own.c_str(), O_RDWR);
+        (void)!::write(ready[1], fd >= 0 ? "y" : "n", 1);
+        std::uint8_t buf[64];
+        while (::read(fd, buf, sizeof buf) > 0) {
+        }
+        return 0;
+    });
+    char c = 0;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    Command play(cli({"play", "Leaving", song}));
+    Command monitor(cli({"monitor", "Leaving"}));
+    ASSERT_TRUE(eventually([&] {
+        return slurp(portFile("Leaving", AMBREL_INFO_FILE)).find(std::to_string(monitor.pid())) != std::string::npos;
+    }));
+    std::this_thread::sleep_for(200ms);
+    owner.kill();
+    for (Command *cmd : {&play, &monitor}) {
+        EXPECT_EQ(cmd->wait(), 1);
+        EXPECT_NE(cmd->errors().find("port \"Leaving\" was closed by its owner"), std::string::npos) << cmd->errors();
+    }
+
+    // ambreld stops under a player, a recorder and a holder: one message, exit 3.
+    int kept = openFile(path("Kept"), O_RDWR);
+    ASSERT_GE(kept, 0);
+    Command play2(cli({"play", "Kept", song}));
+    Command monitor2(cli({"monitor", "Kept"}));
+    Command hold(cli({"hold", "Held"}));
+    ASSERT_TRUE(eventually([&] {
+        return exists(portFile("Held", AMBREL_INFO_FILE)) &&
+               slurp(portFile("Kept", AMBREL_INFO_FILE)).find(std::to_string(monitor2.pid())) != std::string::npos;
+    }));
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(stopDaemon(), 0) << daemonLog();
+    for (Command *cmd : {&play2, &monitor2, &hold}) {
+        EXPECT_EQ(cmd->wait(), 3);
+        std::string said = cmd->errors();
+        EXPECT_NE(said.find("ambrel: ambreld stopped\n"), std::string::npos) << said;
+    }
+    closeFile(kept);
+    startDaemon();
+    close(ready[0]);
+    close(ready[1]);
+    unlink(song.c_str());
+}
+
+} // namespace
+} // namespace fetest
+
+namespace fetest {
+namespace {
+
+// The examples people copy: README's runs until two quiet seconds, the
+// example program until Ctrl-C. Both send back what is played to them.
+TEST_F(DaemonTest, TheLibraryExamplesRunAsPrinted)
+{
+    struct Case {
+        const char *program;
+        std::vector<std::string> args;
+        bool interrupt;
+    } cases[] = {{README_ECHO_PATH, {}, false}, {AMBREL_ECHO_PATH, {"Echo"}, true}};
+    setenv(AMBREL_MOUNT_ENV, mount_.c_str(), 1);
+    for (const Case &c : cases) {
+        std::vector<std::string> argv{c.program};
+        argv.insert(argv.end(), c.args.begin(), c.args.end());
+        Command echo(argv);
+        ASSERT_TRUE(eventually([&] { return exists(portFile("Echo", AMBREL_IN_FILE)); })) << c.program;
+        int in = openFile(portFile("Echo", AMBREL_IN_FILE), O_RDONLY);
+        int out = openFile(portFile("Echo", AMBREL_OUT_FILE), O_WRONLY);
+        ASSERT_GE(in, 0);
+        ASSERT_GE(out, 0);
+        // Silence first: a read that times out must not end the program.
+        std::this_thread::sleep_for(700ms);
+        ASSERT_EQ(write(out, kNoteOn.data(), 3), 3);
+        EXPECT_EQ(readBytes(in, 3), kNoteOn) << c.program;
+        closeFile(in);
+        closeFile(out);
+        if (c.interrupt) {
+            std::this_thread::sleep_for(300ms);
+            ::kill(echo.pid(), SIGINT);
+        }
+        EXPECT_EQ(echo.wait(15), 0) << c.program << ": " << echo.errors();
+        EXPECT_NE(echo.output().find(c.interrupt ? "processes:" : "processes still use the port"), std::string::npos)
+            << echo.output();
+        ASSERT_TRUE(eventually([&] { return !exists(portFile("Echo", "")); }));
+    }
+    unsetenv(AMBREL_MOUNT_ENV);
+}
+
+} // namespace
+} // namespace fetest

@@ -35,4 +35,12 @@ struct ambrel_process_ids {
 };
 #define AMBREL_IOC_PROCESS_IDS _IOR('a', 0x04, struct ambrel_process_ids)
 
+/* The name the port got, UTF-8 and terminated, asked on the owner's file:
+ * the driver leaves out the characters \ / < > " : | ? * of the name it
+ * is opened with. */
+struct ambrel_port_name {
+    char name[1024];
+};
+#define AMBREL_IOC_PORT_NAME _IOR('a', 0x05, struct ambrel_port_name)
+
 #endif
