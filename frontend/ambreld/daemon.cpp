@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,6 +25,7 @@
 #include <set>
 #include <shared_mutex>
 #include <sstream>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -813,6 +815,10 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi)
     if (!allowed(req)) {
         return;
     }
+    if (gState->stopping) {
+        fuse_reply_err(req, ENODEV); // ambreld stops: nothing new
+        return;
+    }
     NodeTable::Node node;
     if (!gState->nodes.get(ino, &node)) {
         fuse_reply_err(req, ENOENT);
@@ -1255,6 +1261,99 @@ bool readConfigFile(const std::string &path, Config *config, std::string *error)
 
 namespace {
 
+// ------------------------------------------------------------------ stopping
+// SIGINT, SIGTERM and SIGHUP start an orderly stop: new files and new bytes
+// are refused (ENODEV), what writers were told is written still reaches the
+// owners while they read it, and only then does the loop end and every port
+// go. An owner that reads nothing for a second is not waited for.
+int gStopPipe[2] = {-1, -1};
+
+void onStopSignal(int)
+{
+    const char c = 's';
+    (void)!write(gStopPipe[1], &c, 1);
+}
+
+void onWake(int) {}
+
+// Bytes (and messages) still on their way to owners: held by render pins,
+// in the ports' FIFOs, read ahead for owners' reads.
+std::size_t inFlight()
+{
+    std::vector<std::shared_ptr<OpenFile>> files;
+    {
+        std::lock_guard<std::mutex> lock(gState->filesMutex);
+        for (auto &entry : gState->files) {
+            files.push_back(entry.second);
+        }
+    }
+    std::size_t total = 0;
+    for (auto &f : files) {
+        if (!f->enter()) {
+            continue;
+        }
+        if (f->kind == Kind::Out) {
+            total += static_cast<PinOpenFile *>(f.get())->pin->backlog();
+        } else if (f->kind == Kind::Control) {
+            auto *o = static_cast<OwnerFile *>(f.get());
+            total += (o->link ? o->link->queued() : 0) + (o->reader ? o->reader->buffered() : 0);
+        }
+        f->leave();
+    }
+    return total;
+}
+
+void drainThenExit(struct fuse_session *se, pthread_t loopThread)
+{
+    gState->stopping = true;
+    {
+        std::lock_guard<std::mutex> lock(gState->filesMutex);
+        for (auto &entry : gState->files) {
+            if (entry.second->kind == Kind::Control) {
+                if (auto &link = static_cast<OwnerFile *>(entry.second.get())->link) {
+                    link->refuseNew();
+                }
+            }
+        }
+    }
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point start = Clock::now();
+    Clock::time_point progress = start;
+    std::size_t left = inFlight();
+    while (left > 0 && Clock::now() - progress < std::chrono::seconds(1) &&
+           Clock::now() - start < std::chrono::seconds(10)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        std::size_t now = inFlight();
+        if (now < left) {
+            progress = Clock::now();
+        }
+        left = now;
+    }
+    if (left > 0) {
+        std::fprintf(stderr, "ambreld: stopping with MIDI its owners did not read\n");
+    }
+    fuse_session_exit(se);
+    pthread_kill(loopThread, SIGUSR1); // out of the loop's wait
+}
+
+// Our own stop signals instead of libfuse's, which end the loop at once.
+bool catchStopSignals()
+{
+    if (pipe2(gStopPipe, O_CLOEXEC) != 0) {
+        return false;
+    }
+    struct sigaction sa = {};
+    sigemptyset(&sa.sa_mask);
+    sa.sa_handler = onStopSignal;
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) {
+        sigaction(sig, &sa, nullptr);
+    }
+    sa.sa_handler = onWake; // no SA_RESTART: the loop's wait returns
+    sigaction(SIGUSR1, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    return true;
+}
+
 // The parent that started us in the background learns that we serve; our
 // standard streams then go nowhere, as a daemon's do.
 void letGoOfTerminal(int readyFd)
@@ -1350,7 +1449,7 @@ int run(const Config &config)
     if (se == nullptr) {
         std::fprintf(stderr, "ambreld: cannot start a FUSE session\n");
     } else {
-        if (fuse_set_signal_handlers(se) != 0) {
+        if (!catchStopSignals()) {
             std::fprintf(stderr, "ambreld: cannot install signal handlers\n");
         } else {
             if (fuse_session_mount(se, config.mount.c_str()) != 0) {
@@ -1370,8 +1469,19 @@ int run(const Config &config)
                     struct fuse_loop_config *loop = fuse_loop_cfg_create();
                     fuse_loop_cfg_set_max_threads(loop, 64);
                     fuse_loop_cfg_set_idle_threads(loop, 8);
-                    // A loop ended by SIGINT/SIGTERM/SIGHUP answers the signal's number.
+                    std::thread stopper([se, loopThread = pthread_self()] {
+                        char c = 0;
+                        while (read(gStopPipe[0], &c, 1) < 0 && errno == EINTR) {
+                        }
+                        if (c == 's') {
+                            drainThenExit(se, loopThread);
+                        }
+                    });
                     int res = fuse_session_loop_mt(se, loop);
+                    // Ended by an unmount from outside: the stopper goes too.
+                    const char quit = 'q';
+                    (void)!write(gStopPipe[1], &quit, 1);
+                    stopper.join();
                     rc = res == 0 || res == SIGINT || res == SIGTERM || res == SIGHUP ? 0 : 1;
                     fuse_loop_cfg_destroy(loop);
                 }
@@ -1414,7 +1524,9 @@ int run(const Config &config)
                 fuse_session_unmount(se);
                 std::fprintf(stderr, "ambreld: unmounted %s\n", config.mount.c_str());
             }
-            fuse_remove_signal_handlers(se);
+            for (int fd : gStopPipe) {
+                close(fd);
+            }
         }
         fuse_session_destroy(se);
     }

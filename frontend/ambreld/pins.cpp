@@ -135,6 +135,10 @@ public:
             fuse_reply_err(req, gone);
             return;
         }
+        if (link_->refusing()) {
+            fuse_reply_err(req, ENODEV); // ambreld stops: only what was taken still goes
+            return;
+        }
         if (nonBlocking && !pending_.empty()) {
             fuse_reply_err(req, EAGAIN);
             return;
@@ -191,6 +195,12 @@ public:
     }
 
     void read(fuse_req_t req, std::size_t, bool) override { fuse_reply_err(req, EBADF); }
+
+    std::size_t backlog() override
+    {
+        std::lock_guard<std::mutex> lock(m_);
+        return pending_.size();
+    }
 
     unsigned poll(fuse_pollhandle *ph) override
     {

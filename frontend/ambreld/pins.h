@@ -44,6 +44,8 @@ public:
     // Capture pins: whole messages (EMSGSIZE when the next one does not fit).
     virtual void read(fuse_req_t req, std::size_t size, bool nonBlocking) = 0;
     virtual unsigned poll(fuse_pollhandle *ph) = 0;
+    // Messages a render pin holds for the driver (0 for capture pins).
+    virtual std::size_t backlog() { return 0; }
     // Closes the pin (and the filter under it) in the host kernel; a render
     // pin first hands on what it still holds, with the same patience.
     virtual void close() = 0;

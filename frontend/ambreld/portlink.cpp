@@ -37,6 +37,18 @@ std::size_t PortLink::room() const
     return room;
 }
 
+std::size_t PortLink::queued() const
+{
+    if (miniport_->AttachedPortRecord() == nullptr) {
+        return 0;
+    }
+    KIRQL irql;
+    KeAcquireSpinLock(&miniport_->m_Lock, &irql);
+    std::size_t depth = miniport_->m_Fifo.FifoDepth();
+    KeReleaseSpinLock(&miniport_->m_Lock, irql);
+    return depth;
+}
+
 int PortLink::goneError() const
 {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -4,6 +4,7 @@
 // owner still holds it. Every look into the driver's objects is here.
 #pragma once
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -29,6 +30,13 @@ public:
     // Bytes the FIFO takes now (0 once the port is withdrawn).
     std::size_t room() const;
     std::uint32_t sysexSize() const { return sysexSize_; }
+    // Bytes in the FIFO that the owner has not read yet.
+    std::size_t queued() const;
+
+    // ambreld is stopping: what writers were told is written still goes to
+    // the owner, new bytes are refused (ENODEV).
+    void refuseNew() { refusing_ = true; }
+    bool refusing() const { return refusing_; }
 
     // The errno its pins answer once the port is gone: 0 while it is
     // there, ESHUTDOWN after its owner closed it, ENODEV when ambreld stops.
@@ -49,6 +57,7 @@ private:
 
     CMiniportAmbrel *miniport_;
     std::uint32_t sysexSize_;
+    std::atomic<bool> refusing_{false};
     std::mutex sendMutex_;
     std::mutex callMutex_;
     mutable std::mutex mutex_;

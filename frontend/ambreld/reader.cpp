@@ -136,6 +136,16 @@ void AsyncReader::stop()
     cv_.notify_all();
 }
 
+std::size_t AsyncReader::buffered()
+{
+    std::lock_guard<std::mutex> lock(m_);
+    std::size_t n = 0;
+    for (const auto &c : chunks_) {
+        n += c.size();
+    }
+    return n - headOffset_;
+}
+
 void AsyncReader::join()
 {
     if (!thread_.joinable()) {

@@ -58,6 +58,8 @@ public:
     unsigned poll(fuse_pollhandle *ph);
     // No fetch starts after this.
     void stop();
+    // Bytes fetched and not yet read by anyone.
+    std::size_t buffered();
     // Waits for the reader's thread, cancelling a fetch still running (the
     // caller normally ends it first by closing the handle).
     void join();

@@ -1105,3 +1105,64 @@ TEST_F(DaemonTest, TheLibraryExamplesRunAsPrinted)
 
 } // namespace
 } // namespace fetest
+
+namespace fetest {
+namespace {
+
+// Stopped while writers outpace a slow owner, ambreld hands the owner what
+// the writers were told is written, and refuses the rest.
+TEST_F(DaemonTest, StoppedUnderLoadItLosesNothingItAccepted)
+{
+    int owner = openFile(path("Busy\\8192"), O_RDONLY);
+    ASSERT_GE(owner, 0);
+    constexpr int kWriters = 4;
+    std::atomic<size_t> accepted{0};
+    std::vector<std::thread> writers;
+    std::vector<int> errors(kWriters, 0);
+    for (int w = 0; w < kWriters; ++w) {
+        int out = openFile(portFile("Busy", AMBREL_OUT_FILE), O_WRONLY);
+        ASSERT_GE(out, 0);
+        writers.emplace_back([&, out, w] {
+            const Bytes chunk = notes(100); // 300 bytes, whole messages
+            for (;;) {
+                ssize_t n = write(out, chunk.data(), chunk.size());
+                if (n < 0) {
+                    errors[size_t(w)] = errno;
+                    return;
+                }
+                accepted += size_t(n);
+            }
+        });
+    }
+    size_t received = 0;
+    std::thread reader([&] {
+        std::uint8_t buf[512];
+        for (;;) {
+            ssize_t n = read(owner, buf, sizeof buf);
+            if (n <= 0) {
+                return;
+            }
+            received += size_t(n);
+            std::this_thread::sleep_for(200us);
+        }
+    });
+    std::this_thread::sleep_for(500ms);
+    EXPECT_EQ(stopDaemon(), 0) << daemonLog();
+    for (auto &t : writers) {
+        t.join();
+    }
+    reader.join();
+    EXPECT_GT(accepted.load(), 8192u);
+    EXPECT_EQ(received, accepted.load());
+    for (int e : errors) {
+        EXPECT_TRUE(e == ENODEV || e == ENOTCONN) << std::strerror(e);
+    }
+    for (int fd : fds_) {
+        ::close(fd);
+    }
+    fds_.clear();
+    startDaemon();
+}
+
+} // namespace
+} // namespace fetest
