@@ -3,7 +3,9 @@
 # to ambreld: with none it becomes a daemon serving /run/ambrel;
 #   bash scripts/ambreld.sh -f -v        # foreground, with the driver's log
 #   bash scripts/ambreld.sh /tmp/ambrel  # another mount point
-# Stop it with: kill $(pidof ambreld)   (every port is withdrawn, then unmounted)
+# Stop it with: build/frontend/bin/ambreld --stop [MOUNT]
+#   (that mount's daemon alone: what writers sent reaches the owners, every
+#   port is withdrawn, then it unmounts)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh

@@ -6,7 +6,7 @@
 # "Piano" and prints what is played to it, `ambrel list` shows it to MIDI
 # programs, `ambrel send` plays a short melody into it. ambreld keeps running
 # afterwards for you to use from a shell or a program (README.md); stop it
-# with `kill $(pidof ambreld)`.
+# with `build/frontend/bin/ambreld --stop` (the daemon of that mount alone).
 #
 #   bash scripts/main.sh           # as above
 #   bash scripts/main.sh --log     # ambreld also writes the driver's debug log to ambreld.log
@@ -49,21 +49,21 @@ mount=${AMBREL_MOUNT:-/run/ambrel}
 export AMBREL_MOUNT=$mount
 if mountpoint -q "$mount" && [ -d "$mount/ports" ]; then
     echo "main.sh: ambreld already serves $mount"
-else
-    if [ $log -eq 1 ]; then
-        # The daemon's stderr is gone once it detaches: keep it in the foreground
-        # behind nohup so its log lands in a file.
-        nohup "$bin/ambreld" -f -v "$mount" >ambreld.log 2>&1 &
-        echo "main.sh: the driver's debug log goes to $PWD/ambreld.log"
-    else
-        "$bin/ambreld" "$mount"
-    fi
+elif [ $log -eq 1 ]; then
+    # The daemon's stderr is gone once it detaches: keep it in the foreground
+    # behind nohup so its log lands in a file. A mount left by an ambreld that
+    # died is cleared first.
+    nohup "$bin/ambreld" -f -v --unmount-stale "$mount" >ambreld.log 2>&1 &
+    echo "main.sh: the driver's debug log goes to $PWD/ambreld.log"
     for _ in $(seq 100); do
         [ -d "$mount/ports" ] && break
         sleep 0.1
     done
     [ -d "$mount/ports" ] || { echo "main.sh: ambreld did not come up on $mount" >&2; exit 1; }
-    echo "main.sh: ambreld serves $mount (pid $(pidof ambreld))"
+    echo "main.sh: ambreld serves $mount (pid $!)"
+else
+    # In the background it returns once it serves, and says its pid.
+    "$bin/ambreld" --unmount-stale "$mount"
 fi
 
 # A melody, one note-on and its note-off per step: C D E F G.
@@ -103,6 +103,11 @@ ambreld keeps serving $mount. Try, from any shell:
   $bin/ambrel send Drums 99 24 7F     # play into it from another shell
   $bin/ambrel list                    # ports and who uses them
   exec 3<>$mount/Organ; ls $mount/ports   # a port made with plain file calls
-Programs: frontend/examples/ambrel_echo.cpp and libambrel ($build/frontend/libambrel.a).
-Stop: kill \$(pidof ambreld)
+Help: $bin/ambrel help, $bin/ambrel help play; man pages after cmake --install.
+Programs: README's echo example, frontend/examples/ambrel_echo.cpp and libambrel ($build/frontend/libambrel.a).
+Programs that take a raw MIDI device path use the port's files, e.g. FluidSynth:
+  fluidsynth -m oss -o midi.oss.device=$mount/ports/Drums/in /usr/share/sounds/sf2/TimGM6mb.sf2
+  (it records what the owner of "Drums" sends: with `ambrel hold Drums --thru`,
+  whatever is played into Drums goes on to FluidSynth)
+Stop: $bin/ambreld --stop $mount        (withdraws every port, then unmounts)
 EOF

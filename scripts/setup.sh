@@ -12,6 +12,11 @@ packages=(
     fuse3 libfuse3-dev jackd2 libjack-jackd2-dev
 )
 
+# Programs and songs the front end is tried with as users would meet them:
+# FluidSynth recording from a port, Standard MIDI Files from Debian's games.
+# Their recommendations (desktop sound servers) are not wanted.
+test_packages=(fluidsynth timgm6mb-soundfont openttd-openmsx planetblupi-music-midi)
+
 missing=()
 for p in "${packages[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
@@ -25,4 +30,18 @@ if [ ${#missing[@]} -gt 0 ]; then
     [ "$(id -u)" -eq 0 ] || SUDO=sudo
     $SUDO apt-get update -qq
     DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${missing[@]}" >/dev/null
+fi
+
+missing=()
+for p in "${test_packages[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+        missing+=("$p")
+    fi
+done
+if [ ${#missing[@]} -gt 0 ]; then
+    echo "setup: installing ${missing[*]}"
+    SUDO=""
+    [ "$(id -u)" -eq 0 ] || SUDO=sudo
+    $SUDO apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi

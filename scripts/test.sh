@@ -82,11 +82,7 @@ if want main; then
     mnt=$(mktemp -d "${TMPDIR:-/tmp}/ambrel-main.XXXXXX")
     AMBREL_MOUNT=$mnt timeout 900 bash scripts/main.sh
     if mountpoint -q "$mnt"; then
-        pkill -TERM -f -- "ambreld $mnt\$" || true
-        for _ in $(seq 100); do
-            mountpoint -q "$mnt" || break
-            sleep 0.1
-        done
+        build/frontend/bin/ambreld --stop "$mnt" || true
         if mountpoint -q "$mnt"; then
             echo "test.sh: ambreld did not unmount $mnt" >&2
             exit 1

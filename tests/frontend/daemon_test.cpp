@@ -1166,3 +1166,77 @@ TEST_F(DaemonTest, StoppedUnderLoadItLosesNothingItAccepted)
 
 } // namespace
 } // namespace fetest
+
+#include "midi/smf.h"
+
+namespace fetest {
+namespace {
+
+// Programs and files we did not write, where users meet them: a song from
+// Debian's openttd-openmsx played into a port with `ambrel play`, its owner
+// sending it on, and FluidSynth recording from the port through its OSS MIDI
+// driver (a raw MIDI device path). scripts/setup.sh installs all three.
+TEST_F(DaemonTest, ARealSongReachesTheOwnerExactlyAndFluidSynthThroughThePort)
+{
+    const std::string song = "/usr/share/games/openttd/baseset/openmsx/train_filled_with_cash.mid";
+    const std::string font = "/usr/share/sounds/sf2/TimGM6mb.sf2";
+    if (!exists(song) || !exists(font) || !exists("/usr/bin/fluidsynth")) {
+        GTEST_SKIP() << "needs openttd-openmsx, timgm6mb-soundfont and fluidsynth (scripts/setup.sh)";
+    }
+    ambrel::midi::Smf smf;
+    std::string error;
+    ASSERT_TRUE(ambrel::midi::readSmfFile(song, &smf, &error)) << error;
+    Bytes expected;
+    size_t notes = 0;
+    for (const auto &e : smf.events) {
+        expected.insert(expected.end(), e.bytes.begin(), e.bytes.end());
+        notes += (e.bytes[0] & 0xE0) == 0x80 ? 1 : 0; // note on and off
+    }
+    int owner = openFile(path("Song"), O_RDWR);
+    ASSERT_GE(owner, 0);
+    // Its dump of what it hears goes to a file, read while it runs.
+    const std::string dumpFile = mount_ + ".fluidsynth";
+    Command synth({"/bin/sh", "-c",
+                   "exec /usr/bin/stdbuf -oL /usr/bin/fluidsynth -d -s -i -a file -o audio.file.name=" + mount_ +
+                       ".wav -m oss -o midi.oss.device=" + portFile("Song", AMBREL_IN_FILE) + " " + font + " >" +
+                       dumpFile});
+    ASSERT_TRUE(eventually([&] { return listed(owner, synth.pid()); }, 10)) << synth.errors();
+    Command play(cli({"play", "Song", song, "--speed", "40"}));
+    Bytes got;
+    std::uint8_t buf[4096];
+    auto quietSince = Clock::now();
+    while (Clock::now() - quietSince < 500ms) {
+        struct pollfd p = {owner, POLLIN, 0};
+        if (::poll(&p, 1, 50) != 1) {
+            continue;
+        }
+        ssize_t n = read(owner, buf, sizeof buf);
+        ASSERT_GT(n, 0);
+        got.insert(got.end(), buf, buf + n);
+        ASSERT_EQ(write(owner, buf, size_t(n)), n); // on to every recorder
+        quietSince = Clock::now();
+    }
+    EXPECT_EQ(play.wait(), 0) << play.errors();
+    EXPECT_EQ(got.size(), expected.size());
+    EXPECT_TRUE(got == expected);
+    // FluidSynth hears every note on and off, at its own pace.
+    size_t heard = 0;
+    eventually([&] {
+        std::string dump = slurp(dumpFile);
+        heard = 0;
+        for (const char *kind : {"event_pre_noteon ", "event_pre_noteoff "}) {
+            for (size_t at = dump.find(kind); at != std::string::npos; at = dump.find(kind, at + 1)) {
+                ++heard;
+            }
+        }
+        return heard >= notes;
+    }, 20);
+    EXPECT_EQ(heard, notes);
+    ::kill(synth.pid(), SIGTERM);
+    synth.wait();
+    unlink(dumpFile.c_str());
+    unlink((mount_ + ".wav").c_str());
+}
+
+} // namespace
+} // namespace fetest
