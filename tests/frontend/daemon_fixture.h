@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "ambrel/mount.h"
+#include "mount_helpers.h"
 
 // Binaries that use only the process helpers need not say where ambreld is.
 #ifndef AMBRELD_PATH
@@ -36,32 +37,6 @@
 namespace fetest {
 
 using Bytes = std::vector<std::uint8_t>;
-using Clock = std::chrono::steady_clock;
-
-inline bool mounted(const std::string &dir)
-{
-    std::ifstream in("/proc/mounts");
-    std::string device, point, rest;
-    while (in >> device >> point && std::getline(in, rest)) {
-        if (point == dir) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// Polls `done` every 10 ms for up to `seconds`.
-inline bool eventually(const std::function<bool()> &done, double seconds = 5)
-{
-    auto end = Clock::now() + std::chrono::milliseconds(long(seconds * 1000));
-    while (!done()) {
-        if (Clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
 
 inline bool exists(const std::string &path)
 {
