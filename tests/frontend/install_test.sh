@@ -23,6 +23,19 @@ done
 # The man pages say what --help says.
 grep -q 'timeout SECONDS' "$prefix/share/man/man1/ambrel.1"
 grep -q 'unmount\\-stale' "$prefix/share/man/man1/ambreld.1"
+# Completion offers the commands, and a command's options.
+complete_words() {
+    # shellcheck disable=SC1090
+    source "$prefix/share/bash-completion/completions/$1"
+    COMP_WORDS=("${@:2}")
+    COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
+    COMPREPLY=()
+    "_$1"
+    echo "${COMPREPLY[*]}"
+}
+[ "$(complete_words ambrel ambrel pl)" = "play" ]
+[ "$(complete_words ambrel ambrel monitor Piano --ti)" = "--timeout" ]
+[ "$(complete_words ambreld ambreld --st)" = "--stop" ]
 export PKG_CONFIG_PATH=$prefix/$lib/pkgconfig
 # shellcheck disable=SC2046
 c++ -std=c++17 -o "$prefix/echo" "$example" $(pkg-config --cflags --libs ambrel)
