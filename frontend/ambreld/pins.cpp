@@ -181,7 +181,10 @@ public:
     {
         watchInterrupt(req);
         std::lock_guard<std::mutex> lock(m_);
-        if (pending_.empty() || goneLocked() != 0) {
+        if (int gone = goneLocked()) {
+            dropPendingLocked(gone); // said below, if any was still here
+        }
+        if (pending_.empty()) {
             replyFlush(req);
             return;
         }
