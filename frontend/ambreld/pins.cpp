@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <deque>
+#include <unordered_map>
 #include <mutex>
 #include <cstring>
 #include <sstream>
@@ -144,9 +145,10 @@ public:
             return;
         }
         std::uint64_t base = framer_.fed();
+        std::uint64_t writeId = ++writes_;
         std::size_t taken = 0;
         ambrel::midi::Framer::Fault fault = framer_.feed(data, length, [&](const std::uint8_t *m, std::size_t n) {
-            pending_.emplace_back(m, m + n);
+            pending_.push_back(Message{std::vector<std::uint8_t>(m, m + n), writeId, std::size_t(framer_.fed() - base)});
             ++queued_;
         }, &taken);
         std::size_t accepted = length;
@@ -163,18 +165,23 @@ public:
                 error = fault == ambrel::midi::Framer::Fault::SysexTooLong ? EMSGSIZE : EBADMSG;
             }
         }
+        sentEnd_[writeId] = 0; // what of it goes, should it not finish
         sendLocked();
         if (int gone = goneLocked()) {
-            error = gone;
+            // Gone while this write was handed on: what went is written.
+            replyUnfinished(Waiter{req, false, accepted, queued_, writeId}, gone);
+            sentEnd_.erase(writeId);
+            return;
         }
         if (!pending_.empty()) {
             cv_.notify_all(); // the pump hands on the rest
         }
         if (pending_.empty() || nonBlocking || error != 0 || fuse_req_interrupted(req)) {
+            sentEnd_.erase(writeId);
             replyWrite(req, accepted, error);
             return;
         }
-        waiters_.push_back(Waiter{req, false, accepted, queued_});
+        waiters_.push_back(Waiter{req, false, accepted, queued_, writeId});
     }
 
     void flush(fuse_req_t req) override
@@ -192,7 +199,7 @@ public:
             fuse_reply_err(req, EINTR);
             return;
         }
-        waiters_.push_back(Waiter{req, true, 0, queued_});
+        waiters_.push_back(Waiter{req, true, 0, queued_, 0});
         lastProgress_ = Clock::now();
         cv_.notify_all();
     }
@@ -254,9 +261,14 @@ public:
         }
         std::lock_guard<std::mutex> lock(m_);
         for (Waiter &w : waiters_) {
-            fuse_reply_err(w.req, EBADF);
+            if (w.flush) {
+                fuse_reply_err(w.req, EBADF);
+            } else {
+                replyUnfinished(w, EBADF);
+            }
         }
         waiters_.clear();
+        sentEnd_.clear();
         if (poll_ != nullptr) {
             fuse_pollhandle_destroy(poll_);
             poll_ = nullptr;
@@ -271,7 +283,26 @@ private:
         bool flush;
         std::size_t accepted; // a write's answer
         std::uint64_t upTo;   // answered once this many messages are sent
+        std::uint64_t write;  // which write (sentEnd_)
     };
+    struct Message {
+        std::vector<std::uint8_t> bytes;
+        std::uint64_t write; // the write that brought it
+        std::size_t end;     // where it ends in that write's bytes
+    };
+
+    // A waiting write that cannot finish: the bytes of it that did go are
+    // a short write, as POSIX has it; none, the error.
+    void replyUnfinished(const Waiter &w, int error)
+    {
+        auto it = sentEnd_.find(w.write);
+        std::size_t done = it != sentEnd_.end() ? it->second : 0;
+        if (done > 0) {
+            fuse_reply_write(w.req, done);
+        } else {
+            fuse_reply_err(w.req, error);
+        }
+    }
 
     int goneLocked()
     {
@@ -297,8 +328,13 @@ private:
         }
         std::vector<std::uint8_t> batch;
         std::uint64_t count = 0;
-        while (!pending_.empty() && batch.size() + pending_.front().size() <= room) {
-            batch.insert(batch.end(), pending_.front().begin(), pending_.front().end());
+        while (!pending_.empty() && batch.size() + pending_.front().bytes.size() <= room) {
+            const Message &m = pending_.front();
+            batch.insert(batch.end(), m.bytes.begin(), m.bytes.end());
+            auto waiting = sentEnd_.find(m.write);
+            if (waiting != sentEnd_.end()) {
+                waiting->second = m.end;
+            }
             pending_.pop_front();
             ++count;
         }
@@ -360,7 +396,7 @@ private:
         }
         for (auto it = waiters_.begin(); it != waiters_.end();) {
             if (gone != 0 && !it->flush) {
-                fuse_reply_err(it->req, gone);
+                replyUnfinished(*it, gone);
             } else if (sent_ >= it->upTo) {
                 if (it->flush) {
                     replyFlush(it->req);
@@ -371,6 +407,7 @@ private:
                 ++it;
                 continue;
             }
+            sentEnd_.erase(it->write);
             it = waiters_.erase(it);
         }
         if (poll_ != nullptr && (pending_.empty() || gone != 0)) {
@@ -417,6 +454,7 @@ private:
                 } else {
                     replyWrite(req, it->accepted, 0);
                 }
+                sentEnd_.erase(it->write);
                 waiters_.erase(it);
                 return;
             }
@@ -429,7 +467,9 @@ private:
     std::condition_variable cv_;
     std::thread thread_;
     ambrel::midi::Framer framer_;
-    std::deque<std::vector<std::uint8_t>> pending_;
+    std::deque<Message> pending_;
+    std::uint64_t writes_ = 0;
+    std::unordered_map<std::uint64_t, std::size_t> sentEnd_; // waiting writes: bytes of each sent
     std::uint64_t queued_ = 0; // messages taken from writers
     std::uint64_t sent_ = 0;   // of those, handed to the driver (or dropped)
     std::deque<Waiter> waiters_;

@@ -109,7 +109,9 @@ void Splitter::feed(const std::uint8_t *data, std::size_t length, const Sink &si
 
 void Framer::start(std::uint8_t status, const Sink &sink)
 {
-    begunAt_ = fed_;
+    // Counted before a message complete in one byte goes out, so that fed()
+    // in the sink is where every message ends.
+    begunAt_ = fed_++;
     message_.assign(1, status);
     if (status != 0xF0 && dataLength(status) == 0) {
         sink(message_.data(), 1); // F4, F5, F6: complete in one byte
@@ -167,7 +169,6 @@ Framer::Fault Framer::put(std::uint8_t b, const Sink &sink)
     }
     runningStatus_ = b < 0xF0 ? b : 0;
     start(b, sink);
-    ++fed_;
     return Fault::None;
 }
 

@@ -71,7 +71,8 @@ public:
     Fault feed(const std::uint8_t *data, std::size_t length, const Sink &sink, std::size_t *taken);
     // Bytes of the message begun and not yet complete (0: between messages).
     std::size_t begun() const { return message_.size(); }
-    // Bytes fed so far, and the count at which the begun message started.
+    // Bytes fed so far (in a sink: up to the end of the message handed
+    // out), and the count at which the begun message started.
     std::uint64_t fed() const { return fed_; }
     std::uint64_t begunAt() const { return begunAt_; }
     void dropBegun() { message_.clear(); }

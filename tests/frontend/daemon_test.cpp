@@ -673,8 +673,11 @@ TEST_F(DaemonTest, AWithdrawnPortFailsItsWritersReadersAndCommands)
     owner.kill();
     writer.join();
     reader.join();
-    EXPECT_EQ(blocked.load(), -1);
-    EXPECT_EQ(blockedErrno.load(), ESHUTDOWN);
+    // The blocked write returns what reached the port before it went (a
+    // short write, as POSIX has it); the next write hears why.
+    EXPECT_GT(blocked.load(), 0) << std::strerror(blockedErrno.load());
+    EXPECT_LT(blocked.load(), ssize_t(flood.size()));
+    EXPECT_EQ(blocked.load() % 3, 0); // whole messages
     EXPECT_EQ(waited.load(), -1);
     EXPECT_EQ(waitedErrno.load(), ESHUTDOWN);
     EXPECT_EQ(write(out, kNoteOn.data(), 3), -1);
