@@ -892,10 +892,14 @@ namespace {
 Bytes smfOf(const Bytes &events)
 {
     Bytes track = events;
-    track.insert(track.end(), {0x00, 0xFF, 0x2F, 0x00});
-    Bytes file{'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, 0, 0, 1, 0, 96, 'M', 'T', 'r', 'k', 0, 0,
-               std::uint8_t(track.size() >> 8), std::uint8_t(track.size())};
-    file.insert(file.end(), track.begin(), track.end());
+    for (std::uint8_t b : {0x00, 0xFF, 0x2F, 0x00}) {
+        track.push_back(b); // end of track
+    }
+    const std::uint8_t header[] = {'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, 0, 0, 1, 0, 96, 'M', 'T', 'r', 'k', 0, 0,
+                                   std::uint8_t(track.size() >> 8), std::uint8_t(track.size())};
+    Bytes file(sizeof header + track.size());
+    std::copy(std::begin(header), std::end(header), file.begin());
+    std::copy(track.begin(), track.end(), file.begin() + sizeof header);
     return file;
 }
 
