@@ -107,7 +107,7 @@ Help: $bin/ambrel help, $bin/ambrel help play; man pages after cmake --install.
 Programs: README's echo example, frontend/examples/ambrel_echo.cpp and libambrel ($build/frontend/libambrel.a).
 Programs that take a raw MIDI device path use the port's files, e.g. FluidSynth:
   fluidsynth -m oss -o midi.oss.device=$mount/ports/Drums/in /usr/share/sounds/sf2/TimGM6mb.sf2
-  (it records what the owner of "Drums" sends: with `ambrel hold Drums --thru`,
-  whatever is played into Drums goes on to FluidSynth)
+  (it records what the owner of "Drums" sends: with "ambrel hold Drums --thru"
+  as the owner, whatever is played into Drums goes on to FluidSynth)
 Stop: $bin/ambreld --stop $mount        (withdraws every port, then unmounts)
 EOF
