@@ -34,3 +34,14 @@ if(AMBREL_FUZZERS)
 endif()
 
 find_package(Threads REQUIRED)
+
+# The shipped driver image (build/windows/ambrel.sys, with ambrel.map beside
+# it) for the suites, benchmarks and fuzzer replays that run on both builds of
+# the driver. Empty: they run on the host-built driver only. The Windows build
+# must have made the file before those runs start.
+set(AMBREL_DRIVER_IMAGE "" CACHE FILEPATH "ambrel.sys to run the two-build suites on as well (empty: host build only)")
+if(AMBREL_DRIVER_IMAGE)
+    message(STATUS "Suites that reach the driver only as Windows would also run on ${AMBREL_DRIVER_IMAGE}")
+else()
+    message(STATUS "AMBREL_DRIVER_IMAGE is empty: the suites run on the host-built driver only")
+endif()

@@ -13,10 +13,15 @@
 #include <hostkernel/executive.h>
 #include <hostkernel/io.h>
 #include <hostkernel/midiclient.h>
+#include <hostkernel/portcls.h>
 #include <hostkernel/pnp.h>
 #include <hostkernel/registry.h>
 
+#include <hostkernel/loader.h>
+
 #include "adapter/amadapter.h"
+#include "ambrel_host.h"
+#include "driver_build.h"
 
 namespace adaptertest {
 
@@ -75,9 +80,22 @@ protected:
     void load()
     {
         NTSTATUS status = STATUS_UNSUCCESSFUL;
-        driver_ = hk::loadDriver(kService, DriverEntry, &status);
+        driver_ = ambrelhost::loadAmbrel(kService, ambreltest::driverImage(), &status);
         ASSERT_NE(driver_, nullptr) << std::hex << status;
         ASSERT_EQ(status, STATUS_SUCCESS);
+    }
+
+    // The entry point of the build under test, for a test that calls it
+    // through a wrapper of its own (hk::loadDriver with the wrapper): the
+    // host build's DriverEntry, or the image's, mapped and bound by the
+    // loader without running it (unmapped once the driver is unloaded).
+    PDRIVER_INITIALIZE entryOfTheBuild()
+    {
+        if (!ambreltest::onImage()) {
+            return ambrelhost::hostBuildEntry();
+        }
+        EXPECT_EQ(hk::loader::loadImageFile(ambreltest::driverImage(), &mappedImage_), STATUS_SUCCESS);
+        return mappedImage_ ? reinterpret_cast<PDRIVER_INITIALIZE>(mappedImage_->entryPoint()) : nullptr;
     }
 
     // Loads the driver, adds one adapter and starts it.
@@ -87,6 +105,12 @@ protected:
         if (HasFatalFailure()) {
             return;
         }
+        addAndStart();
+    }
+
+    // The plug and play manager's part of boot(): one adapter added and started.
+    void addAndStart()
+    {
         node_ = hk::addRootDevice(driver_);
         ASSERT_NE(node_, nullptr);
         ASSERT_EQ(node_->addDeviceStatus(), STATUS_SUCCESS);
@@ -177,12 +201,14 @@ protected:
             driver_ = nullptr;
         }
         hk::drainIo();
+        mappedImage_.reset();
     }
 
     PDRIVER_OBJECT driver_ = nullptr;
     std::shared_ptr<hk::DeviceNode> node_;
     std::vector<std::shared_ptr<hk::DeviceNode>> extraNodes_;
     std::vector<std::unique_ptr<hk::Process>> processes_;
+    std::unique_ptr<hk::loader::Image> mappedImage_;
 };
 
 // The same, booted before each test.

@@ -223,9 +223,16 @@ TEST_F(ControlRequests, FailedPublicationFreesTheSlotAndTheName)
     EXPECT_NE(openPort(app(), u"\\Organ"), 0u);
     EXPECT_NE(openPort(app(), u"\\Harp"), 0u);
     EXPECT_EQ(hk::registry::openHandleCount(), 0u);
+}
 
-    // Publication of a slot past the table is refused before anything is
-    // registered: STATUS_INVALID_HANDLE, 0xC0000008.
+TEST_F(ControlRequests, PublicationOfASlotPastTheTableIsRefused)
+{
+    // No request reaches this row: the table hands out only its own slots.
+    AMBREL_HOST_BUILD_ONLY("calls the publication routine directly");
+    hk::LogCapture log;
+    hk::Handle piano = openPort(app(), u"\\Piano");
+    ASSERT_NE(piano, 0u);
+    // Refused before anything is registered: STATUS_INVALID_HANDLE, 0xC0000008.
     PortTable *table = static_cast<PortTable *>(app().fileObject(piano)->DeviceObject->DeviceExtension);
     const ULONG count = table->PortCount;
     log.clear();

@@ -219,6 +219,19 @@ TEST_F(EndToEnd, ParkedReadTakesWhatFitsAndIsLeftToItsCanceller)
     EXPECT_EQ(now.priorityBoost, IO_SOUND_INCREMENT);
     EXPECT_EQ(Bytes(two, two + 2), (Bytes{0x90, 0x3D}));
     EXPECT_EQ(readNow(app, 16), (Bytes{0x41}));
+}
+
+TEST_F(EndToEnd, ParkedReadIsLeftToItsCancellerAndEndedByRemoval)
+{
+    // Windows cannot stop a canceller between its two steps nor flag a
+    // removal without doing it: the test does both by hand.
+    AMBREL_HOST_BUILD_ONLY("holds a cancel routine and sets the removal flag by hand");
+    hk::Process &app = openApp(u"\\Piano\\8176");
+    ASSERT_NE(port_, 0u);
+    auto filter = filterOf(process(200), u"Piano");
+    ASSERT_TRUE(filter);
+    auto pin = runningPin(*filter, 0);
+    ASSERT_TRUE(pin);
 
     // A read whose canceller has taken its routine but not yet its slot is
     // left alone: the data stays for the next read.

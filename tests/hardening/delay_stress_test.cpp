@@ -259,7 +259,7 @@ TEST(DelayStress, WholeDriverUnderInjectedDelays)
         SCOPED_TRACE("round " + std::to_string(rounds) + ", seed " + std::to_string(seed + rounds));
         hk::registry::setDword(hk::serviceKeyPath(u"ambrel") + u"\\Configuration", u"MaxPorts", 4);
         NTSTATUS status = STATUS_UNSUCCESSFUL;
-        PDRIVER_OBJECT driver = hk::loadDriver(u"ambrel", DriverEntry, &status);
+        PDRIVER_OBJECT driver = ambrelhost::loadAmbrel(u"ambrel", ambreltest::driverImage(), &status);
         ASSERT_NE(driver, nullptr) << std::hex << status;
         auto node = hk::addRootDevice(driver);
         ASSERT_EQ(node->addDeviceStatus(), STATUS_SUCCESS);

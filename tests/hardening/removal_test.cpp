@@ -23,7 +23,7 @@ protected:
     void SetUp() override
     {
         NTSTATUS status = STATUS_UNSUCCESSFUL;
-        driver_ = hk::loadDriver(u"ambrel", DriverEntry, &status);
+        driver_ = ambrelhost::loadAmbrel(u"ambrel", ambreltest::driverImage(), &status);
         ASSERT_NE(driver_, nullptr) << std::hex << status;
         node_ = hk::addRootDevice(driver_);
         ASSERT_EQ(node_->addDeviceStatus(), STATUS_SUCCESS);

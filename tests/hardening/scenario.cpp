@@ -53,7 +53,7 @@ private:
     NTSTATUS load()
     {
         NTSTATUS status = STATUS_UNSUCCESSFUL;
-        driver_ = hk::loadDriver(u"ambrel", DriverEntry, &status);
+        driver_ = ambrelhost::loadAmbrel(u"ambrel", ambreltest::driverImage(), &status);
         if (driver_ == nullptr && NT_SUCCESS(status)) {
             problem("no driver object after a successful DriverEntry");
             return STATUS_UNSUCCESSFUL;

@@ -20,6 +20,8 @@
 #include <hostkernel/registry.h>
 
 #include "adapter/amadapter.h"
+#include "ambrel_host.h"
+#include "driver_build.h"
 
 namespace hardening {
 

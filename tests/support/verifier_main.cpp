@@ -14,6 +14,8 @@
 #include "hostkernel/io.h"
 #include "hostkernel/portcls.h"
 
+#include "driver_build.h"
+
 namespace {
 
 class VerifierListener : public ::testing::EmptyTestEventListener {
@@ -47,6 +49,7 @@ int main(int argc, char **argv)
     // threads (DPCs, the I/O worker) that a forked child would lack.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     ::testing::InitGoogleTest(&argc, argv);
+    ambreltest::takeDriverFlag(&argc, argv);
     ::testing::TestEventListeners &listeners = ::testing::UnitTest::GetInstance()->listeners();
     // Appended after the printer, so it sees the end of each test first
     // (end events go to listeners in reverse) and its failures are printed

@@ -19,6 +19,9 @@ struct PortclsStats {
     size_t registeredSubdevices = 0;
     size_t openFilters = 0;
     size_t openPins = 0;
+    // MaxObjects of each adapter device PcAddAdapterDevice made and that is
+    // not yet removed: the sub-devices its driver announced.
+    std::vector<ULONG> adapterMaxObjects;
 };
 PortclsStats portclsStats();
 // "<kind> (<references>)" for every live framework object.

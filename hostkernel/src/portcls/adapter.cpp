@@ -229,6 +229,16 @@ std::shared_ptr<Adapter> adapterOf(PDEVICE_OBJECT device)
     return it == gAdapters.end() ? nullptr : it->second;
 }
 
+std::vector<ULONG> adapterMaxObjects()
+{
+    std::lock_guard<std::mutex> lock(gAdaptersMutex);
+    std::vector<ULONG> limits;
+    for (auto &entry : gAdapters) {
+        limits.push_back(entry.second->maxObjects); // written once, before the adapter is listed
+    }
+    return limits;
+}
+
 size_t registeredSubdeviceCount()
 {
     std::vector<std::shared_ptr<Adapter>> adapters;

@@ -149,6 +149,7 @@ std::vector<std::string> liveObjectDescriptions();
 size_t openFilterCount();
 size_t openPinCount();
 size_t registeredSubdeviceCount();
+std::vector<ULONG> adapterMaxObjects();
 void freeQuarantine();
 
 } // namespace hostkernel::detail::pc

@@ -224,6 +224,7 @@ PortclsStats portclsStats()
     s.openPins = openPinCount();
     // Each registration holds one reference on its port; the adapters know them.
     s.registeredSubdevices = registeredSubdeviceCount();
+    s.adapterMaxObjects = adapterMaxObjects();
     return s;
 }
 
