@@ -261,7 +261,14 @@ STDMETHODIMP_(ULONG) TestMiniport::Release()
 
 STDMETHODIMP_(NTSTATUS) TestMiniport::QueryInterface(REFIID iid, PVOID *object)
 {
-    if (IsEqualGUID(iid, IID_IUnknown) || IsEqualGUID(iid, IID_IMiniport) || IsEqualGUID(iid, IID_IMiniportDMus)) {
+    const bool unknown = IsEqualGUID(iid, IID_IUnknown);
+    if (unknown && identity == Identity::RefuseUnknown) {
+        *object = NULL;
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (unknown && identity == Identity::TwoUnknowns && unknownQueries_++ % 2 == 1) {
+        *object = static_cast<IPinName *>(this);
+    } else if (unknown || IsEqualGUID(iid, IID_IMiniport) || IsEqualGUID(iid, IID_IMiniportDMus)) {
         *object = static_cast<IMiniportDMus *>(this);
     } else if (IsEqualGUID(iid, IID_IPinName)) {
         *object = static_cast<IPinName *>(this);
@@ -372,11 +379,13 @@ void PortclsTest::SetUp()
 
 PDEVICE_OBJECT PortclsTest::fdo() { return node_->top(); }
 
-TestMiniport *PortclsTest::publish(const std::u16string &name, const std::u16string &friendly)
+TestMiniport *PortclsTest::publish(const std::u16string &name, const std::u16string &friendly,
+                                   TestMiniport::Identity identity)
 {
     PPORT port = NULL;
     EXPECT_EQ(PcNewPort(&port, CLSID_PortDMus), STATUS_SUCCESS);
     auto *miniport = new TestMiniport;
+    miniport->identity = identity;
     EXPECT_EQ(port->Init(fdo(), NULL, static_cast<IMiniportDMus *>(miniport), NULL, NULL), STATUS_SUCCESS);
     std::u16string copy = name;
     EXPECT_EQ(PcRegisterSubdevice(fdo(), reinterpret_cast<PWCHAR>(copy.data()), port), STATUS_SUCCESS);

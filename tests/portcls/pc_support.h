@@ -99,6 +99,11 @@ public:
 
     std::atomic<long> serviceCalls{0};
     std::atomic<NTSTATUS> newStreamStatus{STATUS_SUCCESS};
+    // How QueryInterface breaks COM identity: None; RefuseUnknown (as a
+    // driver with a misspelt IID_IUnknown does); TwoUnknowns (IID_IUnknown
+    // answered with another interface's pointer every second time).
+    enum class Identity { Sound, RefuseUnknown, TwoUnknowns };
+    std::atomic<Identity> identity{Identity::Sound};
     std::atomic<ULONG> renderFilterLimit{0xFFFFFFFF}; // IPinCount's say on pin 0
     struct NewStreamCall {
         ULONG pinId;
@@ -116,6 +121,7 @@ public:
 private:
     ~TestMiniport();
     std::atomic<long> refs_{1};
+    std::atomic<int> unknownQueries_{0};
     PPORTDMUS port_ = nullptr;
     PSERVICEGROUP group_ = nullptr;
     std::vector<TestStream *> streams_;
@@ -131,7 +137,8 @@ protected:
     void TearDown() override;
 
     // A sub-device named `name` whose interfaces carry the FriendlyName `friendly`.
-    TestMiniport *publish(const std::u16string &name, const std::u16string &friendly);
+    TestMiniport *publish(const std::u16string &name, const std::u16string &friendly,
+                          TestMiniport::Identity identity = TestMiniport::Identity::Sound);
     NTSTATUS withdraw(TestMiniport *miniport);
     hk::Process &process(uint64_t id);
     std::unique_ptr<hk::midi::Filter> openFilter(hk::Process &p, const std::u16string &friendly);

@@ -464,6 +464,16 @@ TEST_F(PortclsDeathTest, ReferencesPastTheLastOneAreReported)
         ".*Release -> 1.*Release -> 0.*Release -> -1");
 }
 
+TEST_F(PortclsDeathTest, AMiniportWithoutCOMIdentityIsRefusedAtInit)
+{
+    using Identity = TestMiniport::Identity;
+    EXPECT_DEATH(publish(u"Refuses", u"Refuses", Identity::RefuseUnknown),
+                 "ComIdentity: the driver's miniport refuses IID_IUnknown through its first interface "
+                 "\\(status C000000D\\)");
+    EXPECT_DEATH(publish(u"Two", u"Two", Identity::TwoUnknowns),
+                 "ComIdentity: the driver's miniport answers IID_IUnknown with two different pointers");
+}
+
 TEST_F(PortclsDeathTest, AFrameworkObjectNeverReleasedIsALeak)
 {
     EXPECT_DEATH(

@@ -91,6 +91,10 @@ enum class Rule {
     HandleLeak,
     ObjectReferenceLeak,
     ObjectDoubleRelease,
+    // portcls's: an object the driver hands the framework does not answer
+    // IID_IUnknown, or answers it with another pointer from another of its
+    // interfaces (COM identity).
+    ComIdentity,
 };
 const char *ruleName(Rule rule);
 

@@ -98,6 +98,7 @@ const char *ruleName(Rule rule)
     case Rule::HandleLeak: return "HandleLeak";
     case Rule::ObjectReferenceLeak: return "ObjectReferenceLeak";
     case Rule::ObjectDoubleRelease: return "ObjectDoubleRelease";
+    case Rule::ComIdentity: return "ComIdentity";
     }
     return "UnknownRule";
 }

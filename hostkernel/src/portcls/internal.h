@@ -94,6 +94,12 @@ PDMUS_KERNEL_EVENT buildEvents(Allocator *allocator, const UCHAR *bytes, ULONG l
                                ULONGLONG bytePosition, NTSTATUS *status);
 void appendBytes(PDMUS_KERNEL_EVENT list, std::vector<uint8_t> *out);
 
+// COM identity of a driver object the framework takes: IID_IUnknown is
+// answered, from `first` and (when given) from `second`, another interface
+// of the same object, with one and the same pointer. A violation otherwise.
+// A driver built with a misspelt IID_IUnknown fails here on its first port.
+void checkComIdentity(PUNKNOWN first, PUNKNOWN second, const char *what);
+
 IMasterClock *newMasterClock();
 
 // ------------------------------------------------------------------ adapters, ports, filters, pins

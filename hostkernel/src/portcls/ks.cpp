@@ -386,6 +386,7 @@ NTSTATUS createPin(const std::shared_ptr<Adapter> &, PIRP irp)
         leave();
         return complete(irp, status);
     }
+    checkComIdentity(stream, nullptr, "stream");
     pin->stream = stream;
     if (pin->capture) {
         pin->sink = new CaptureSink(pin, port->allocator());

@@ -208,6 +208,27 @@ bool equalNoCase(std::u16string_view a, std::u16string_view b)
     return true;
 }
 
+void checkComIdentity(PUNKNOWN first, PUNKNOWN second, const char *what)
+{
+    auto identity = [&](PUNKNOWN from, const char *which) -> PUNKNOWN {
+        PUNKNOWN unknown = NULL;
+        NTSTATUS status = from->QueryInterface(IID_IUnknown, reinterpret_cast<PVOID *>(&unknown));
+        if (!NT_SUCCESS(status) || unknown == NULL) {
+            char text[160];
+            std::snprintf(text, sizeof text, "the driver's %s refuses IID_IUnknown through its %s (status %08X)",
+                          what, which, unsigned(status));
+            reportViolation(Rule::ComIdentity, text);
+        }
+        unknown->Release();
+        return unknown; // compared by address only
+    };
+    PUNKNOWN one = identity(first, "first interface");
+    if (second != NULL && identity(second, "second interface") != one) {
+        reportViolation(Rule::ComIdentity,
+                        std::string("the driver's ") + what + " answers IID_IUnknown with two different pointers");
+    }
+}
+
 } // namespace hostkernel::detail::pc
 
 namespace hostkernel {

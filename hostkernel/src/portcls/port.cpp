@@ -94,6 +94,7 @@ STDMETHODIMP_(NTSTATUS) Port::Init(PDEVICE_OBJECT DeviceObject, PIRP, PUNKNOWN U
     if (!NT_SUCCESS(status) || miniport == NULL) {
         return STATUS_INVALID_PARAMETER;
     }
+    checkComIdentity(UnknownMiniport, miniport, "miniport");
     PPINCOUNT pinCount = NULL;
     PPINNAME pinName = NULL;
     PPOWERNOTIFY powerNotify = NULL;
