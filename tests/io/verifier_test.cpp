@@ -50,6 +50,21 @@ const DispatchCase kDispatchCases[] = {
          return complete(irp, STATUS_SUCCESS);
      },
      "IrpPendingMarkedButCompleted", 0},
+    // wdm.h's IoMarkIrpPending is inline: it only sets SL_PENDING_RETURNED
+    // (0x01) in the current location's Control, as the shipped image does.
+    {"marked inline, completed, returned a final status",
+     [](PDEVICE_OBJECT, PIRP irp) NTAPI {
+         IoGetCurrentIrpStackLocation(irp)->Control |= 0x01;
+         return complete(irp, STATUS_SUCCESS);
+     },
+     "IrpPendingMarkedButCompleted", 0},
+    {"legal: marked inline, completed, returned STATUS_PENDING",
+     [](PDEVICE_OBJECT, PIRP irp) NTAPI {
+         IoGetCurrentIrpStackLocation(irp)->Control |= 0x01;
+         complete(irp, STATUS_BUFFER_OVERFLOW);
+         return NTSTATUS(STATUS_PENDING);
+     },
+     nullptr, STATUS_BUFFER_OVERFLOW},
     {"IRQL left raised",
      [](PDEVICE_OBJECT, PIRP irp) NTAPI {
          KIRQL old;
@@ -105,6 +120,20 @@ TEST_F(VerifierTest, PendingNotMarkedIsCaughtWhenTheLateCompletionArrives)
         std::thread([] { complete(gHeld, STATUS_SUCCESS); }).join();
     };
     EXPECT_DEATH(action(), "IrpPendingNotMarked");
+
+    // Marked inline and parked, completed later from another thread: legal.
+    driver_->MajorFunction[IRP_MJ_DEVICE_CONTROL] = [](PDEVICE_OBJECT, PIRP irp) NTAPI {
+        IoGetCurrentIrpStackLocation(irp)->Control |= 0x01;
+        gHeld = irp;
+        return NTSTATUS(STATUS_PENDING);
+    };
+    hk::Process app(100);
+    hk::Handle h = openOk(app);
+    auto request = app.deviceControlAsync(h, kCode, nullptr, 0, 0);
+    std::thread([] { complete(gHeld, STATUS_SUCCESS); }).join();
+    ASSERT_TRUE(request->wait(std::chrono::seconds(10)));
+    EXPECT_EQ(request->status(), STATUS_SUCCESS);
+    app.close(h);
 }
 
 // Rules checked outside dispatch routines: each action breaks one.

@@ -258,6 +258,13 @@ NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp)
     std::lock_guard<std::mutex> lock(record->mutex);
     LevelState &state = record->levels[level];
     state.activeFrames--;
+    // wdm.h's IoMarkIrpPending is inline: a driver built against it only
+    // sets the location's SL_PENDING_RETURNED bit, so the bit is the mark.
+    // (Completion clears it once it has passed the location, and records
+    // what it saw there.)
+    if (!state.passed && (location->Control & SL_PENDING_RETURNED) != 0) {
+        state.marked = true;
+    }
     if (status == STATUS_PENDING) {
         if (state.passed && !state.marked) {
             violation(Rule::IrpPendingNotMarked, "dispatch routine returned STATUS_PENDING for " + describe(*record) +
@@ -303,6 +310,9 @@ void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost)
             std::lock_guard<std::mutex> lock(record->mutex);
             LevelState &state = record->levels[level];
             state.passed = true;
+            if ((location->Control & SL_PENDING_RETURNED) != 0) {
+                state.marked = true; // marked inline, as wdm.h's IoMarkIrpPending does
+            }
             if (state.returnedPending && !state.marked) {
                 violation(Rule::IrpPendingNotMarked, "dispatch routine returned STATUS_PENDING for " +
                                                          describe(*record) + " without IoMarkIrpPending");
