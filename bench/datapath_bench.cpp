@@ -6,6 +6,9 @@
 //    on their capture pins;
 //  - latency of one note-on from a client's render pin to an application
 //    read that waits for it (p50 and p99 as counters, microseconds).
+// With --ambrel-driver=PATH every Ambrel case runs a second time on that
+// image ("..._AmbrelImage"), in the same run, so the two builds compare as a
+// ratio (scripts/bench.sh passes the Windows build's ambrel.sys).
 #include <benchmark/benchmark.h>
 
 #include <fcntl.h>
@@ -25,7 +28,7 @@
 #include <hostkernel/pnp.h>
 #include <hostkernel/portcls.h>
 
-#include "adapter/amadapter.h"
+#include "ambrel_host.h"
 
 namespace hk = hostkernel;
 namespace midi = hostkernel::midi;
@@ -51,10 +54,11 @@ Bytes sysex1k()
 // and a client process with the port's filter open.
 class System {
 public:
-    System()
+    // An empty image: the host build.
+    explicit System(const std::string &image)
     {
         NTSTATUS status = STATUS_UNSUCCESSFUL;
-        driver_ = hk::loadDriver(u"ambrel", DriverEntry, &status);
+        driver_ = ambrelhost::loadAmbrel(u"ambrel", image, &status);
         node_ = hk::addRootDevice(driver_);
         node_->start();
         hk::setCaptureQueueLimit(64u << 20);
@@ -126,9 +130,9 @@ int messagesPerRound(const Bytes &message)
     return std::min<int>(kMessagesPerRound, (int)(65536 / message.size()));
 }
 
-void renderThroughAmbrel(benchmark::State &state, const Bytes &message)
+void renderThroughAmbrel(benchmark::State &state, const std::string &image, const Bytes &message)
 {
-    System system;
+    System system(image);
     midi::Pin *pin = system.pin(0);
     if (pin == nullptr) {
         state.SkipWithError("no render pin");
@@ -176,9 +180,15 @@ void renderThroughPipe(benchmark::State &state, const Bytes &message)
     state.SetBytesProcessed(state.iterations() * (int64_t)roundBytes);
 }
 
-void BM_Render_NoteOn_Ambrel(benchmark::State &state) { renderThroughAmbrel(state, noteOn()); }
+void BM_Render_NoteOn_Ambrel(benchmark::State &state, const std::string &image)
+{
+    renderThroughAmbrel(state, image, noteOn());
+}
 void BM_Render_NoteOn_Pipe(benchmark::State &state) { renderThroughPipe(state, noteOn()); }
-void BM_Render_Sysex1K_Ambrel(benchmark::State &state) { renderThroughAmbrel(state, sysex1k()); }
+void BM_Render_Sysex1K_Ambrel(benchmark::State &state, const std::string &image)
+{
+    renderThroughAmbrel(state, image, sysex1k());
+}
 void BM_Render_Sysex1K_Pipe(benchmark::State &state) { renderThroughPipe(state, sysex1k()); }
 
 // ------------------------------------------------------------------ capture
@@ -201,10 +211,10 @@ void captureRounds(benchmark::State &state, const std::vector<std::atomic<size_t
     state.SetItemsProcessed(state.iterations() * kMessagesPerRound);
 }
 
-void BM_Capture_Ambrel(benchmark::State &state)
+void BM_Capture_Ambrel(benchmark::State &state, const std::string &image)
 {
     const int clients = (int)state.range(0);
-    System system;
+    System system(image);
     std::vector<midi::Pin *> pins;
     for (int i = 0; i < clients; i++) {
         pins.push_back(system.pin(4));
@@ -315,9 +325,9 @@ void measureLatency(benchmark::State &state, const std::function<void()> &blocki
     reportLatencies(state, us);
 }
 
-void BM_Latency_NoteOn_Ambrel(benchmark::State &state)
+void BM_Latency_NoteOn_Ambrel(benchmark::State &state, const std::string &image)
 {
-    System system;
+    System system(image);
     midi::Pin *pin = system.pin(0);
     if (pin == nullptr) {
         state.SkipWithError("no render pin");
@@ -338,15 +348,42 @@ void BM_Latency_NoteOn_Pipe(benchmark::State &state)
         [&] { benchmark::DoNotOptimize(write(p.fds[1], note.data(), note.size())); });
 }
 
+// Each Ambrel case once per build: "_Ambrel" the host build, "_AmbrelImage"
+// the image; the pipe between them.
+void registerAmbrel(const std::string &image)
+{
+    const std::string suffix = image.empty() ? "_Ambrel" : "_AmbrelImage";
+    benchmark::RegisterBenchmark(("BM_Render_NoteOn" + suffix).c_str(), BM_Render_NoteOn_Ambrel, image)
+        ->UseRealTime();
+    benchmark::RegisterBenchmark(("BM_Render_Sysex1K" + suffix).c_str(), BM_Render_Sysex1K_Ambrel, image)
+        ->UseRealTime();
+    benchmark::RegisterBenchmark(("BM_Capture" + suffix).c_str(), BM_Capture_Ambrel, image)
+        ->Arg(1)
+        ->Arg(8)
+        ->UseRealTime();
+    benchmark::RegisterBenchmark(("BM_Latency_NoteOn" + suffix).c_str(), BM_Latency_NoteOn_Ambrel, image)
+        ->UseRealTime()
+        ->Iterations(1000);
+}
+
 } // namespace
 
-BENCHMARK(BM_Render_NoteOn_Ambrel)->UseRealTime();
-BENCHMARK(BM_Render_NoteOn_Pipe)->UseRealTime();
-BENCHMARK(BM_Render_Sysex1K_Ambrel)->UseRealTime();
-BENCHMARK(BM_Render_Sysex1K_Pipe)->UseRealTime();
-BENCHMARK(BM_Capture_Ambrel)->Arg(1)->Arg(8)->UseRealTime();
-BENCHMARK(BM_Capture_Pipe)->Arg(1)->Arg(8)->UseRealTime();
-BENCHMARK(BM_Latency_NoteOn_Ambrel)->UseRealTime()->Iterations(1000);
-BENCHMARK(BM_Latency_NoteOn_Pipe)->UseRealTime()->Iterations(1000);
-
-BENCHMARK_MAIN();
+int main(int argc, char **argv)
+{
+    const std::string image = ambrelhost::takeDriverFlag(&argc, argv);
+    registerAmbrel("");
+    if (!image.empty()) {
+        registerAmbrel(image);
+    }
+    benchmark::RegisterBenchmark("BM_Render_NoteOn_Pipe", BM_Render_NoteOn_Pipe)->UseRealTime();
+    benchmark::RegisterBenchmark("BM_Render_Sysex1K_Pipe", BM_Render_Sysex1K_Pipe)->UseRealTime();
+    benchmark::RegisterBenchmark("BM_Capture_Pipe", BM_Capture_Pipe)->Arg(1)->Arg(8)->UseRealTime();
+    benchmark::RegisterBenchmark("BM_Latency_NoteOn_Pipe", BM_Latency_NoteOn_Pipe)->UseRealTime()->Iterations(1000);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -6,6 +6,7 @@
 //    streams, the time to build it all, pool bytes per port by tag.
 //  - BM_PortChurn: open and close of one port while N others stay open.
 //  - BM_PortMemory: non-paged pool of one idle port by its SysEx size.
+// --ambrel-driver=PATH runs them on that image instead of the host build.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -20,13 +21,15 @@
 #include <hostkernel/pnp.h>
 #include <hostkernel/registry.h>
 
-#include "adapter/amadapter.h"
+#include "ambrel_host.h"
 
 namespace hk = hostkernel;
 namespace midi = hostkernel::midi;
 using Clock = std::chrono::steady_clock;
 
 namespace {
+
+std::string gImage; // empty: the host build
 
 const GUID kMidi = {0x1D262760, 0xE957, 0x11CF, {0xA5, 0xD6, 0x28, 0xDB, 0x04, 0xC1, 0x00, 0x00}};
 const GUID kDirectMusic = {0x1A82F8BC, 0x3F8B, 0x11D2, {0xB7, 0x74, 0x00, 0x60, 0x08, 0x33, 0x16, 0xC1}};
@@ -48,7 +51,7 @@ public:
     {
         hk::registry::setDword(hk::serviceKeyPath(u"ambrel") + u"\\Configuration", u"MaxPorts", maxPorts);
         NTSTATUS status = STATUS_UNSUCCESSFUL;
-        driver_ = hk::loadDriver(u"ambrel", DriverEntry, &status);
+        driver_ = ambrelhost::loadAmbrel(u"ambrel", gImage, &status);
         node_ = hk::addRootDevice(driver_);
         node_->start();
     }
@@ -230,4 +233,15 @@ BENCHMARK(BM_PortMemory)->Arg(8176)->Arg(131056)->Arg(1048560)->Unit(benchmark::
 
 } // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char **argv)
+{
+    gImage = ambrelhost::takeDriverFlag(&argc, argv);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::AddCustomContext("driver", gImage.empty() ? "host build" : gImage);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

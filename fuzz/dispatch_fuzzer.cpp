@@ -9,6 +9,11 @@
 // After each input every handle is closed again; the pool and the framework's
 // objects must be back where they were, no driver assertion may have fired,
 // and the verifier (always on) stops on any broken kernel rule.
+//
+// With AMBREL_DRIVER_IMAGE naming ambrel.sys the same inputs drive the
+// shipped image instead of the host build (scripts/fuzz.sh replays the corpus
+// that way). Its code carries no coverage counters, so it is a replay, not a
+// search.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +32,7 @@
 
 #include "adapter/amadapter.h"
 #include "adapter/openparams.h"
+#include "ambrel_host.h"
 
 namespace {
 
@@ -85,7 +91,8 @@ Driver &driver()
         // enough to reach either limit at any size.
         hk::registry::setDword(hk::serviceKeyPath(u"ambrel") + u"\\Configuration", u"SysexSize", AM_SYSEX_SIZE_MIN);
         NTSTATUS status = STATUS_UNSUCCESSFUL;
-        b.object = hk::loadDriver(u"ambrel", DriverEntry, &status);
+        const char *image = std::getenv("AMBREL_DRIVER_IMAGE");
+        b.object = ambrelhost::loadAmbrel(u"ambrel", image != nullptr ? image : "", &status);
         check(b.object != nullptr, "driver did not load");
         b.node = hk::addRootDevice(b.object);
         check(NT_SUCCESS(b.node->addDeviceStatus()) && NT_SUCCESS(b.node->start()), "adapter did not start");

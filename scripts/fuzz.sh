@@ -19,6 +19,10 @@
 # Crash inputs land in the scratch directory's artifacts/ folder, whose path
 # is printed; add a minimised one to the corpus when the bug is fixed.
 #
+# When the Windows build is there (build/windows/ambrel.sys), the dispatch
+# fuzzer's corpus (checked-in plus this run's finds) is then replayed on the
+# shipped image: every input once, with the same checks after each.
+#
 # Each fuzzer checks the host verifier after every input, which catches any
 # pool the driver leaks; libFuzzer's own per-input leak scan is off because
 # the host kernel's bookkeeping makes it run on nearly every input and it
@@ -92,6 +96,24 @@ for bin in "${fuzzers[@]}"; do
         failed=1
     fi
 done
+
+image=build/windows/ambrel.sys
+dispatch=$(printf '%s\n' "${fuzzers[@]}" | grep '/fuzz_dispatch$' || true)
+if [ -n "$dispatch" ] && [ -f "$image" ]; then
+    work="$scratch/dispatch-image"
+    mkdir -p "$work/artifacts"
+    corpus="$scratch/dispatch/corpus"
+    [ -d "$corpus" ] || corpus=fuzz/corpus/dispatch
+    echo "fuzz.sh: dispatch corpus replayed on $image ($(find "$corpus" -type f | wc -l) inputs)"
+    if AMBREL_DRIVER_IMAGE="$image" sanitized "$dispatch" -runs=0 -max_len=1100 "${options[@]}" \
+        -artifact_prefix="$work/artifacts/" "$corpus" >"$work/log" 2>&1; then
+        grep -E '^#[0-9]+[[:space:]]+(INITED|DONE)' "$work/log" | tail -n 1
+    else
+        echo "fuzz.sh: dispatch on the image FAILED; log and crash input in $work" >&2
+        tail -n 40 "$work/log" >&2
+        failed=1
+    fi
+fi
 
 if [ $failed -eq 0 ]; then
     rm -rf "$scratch"

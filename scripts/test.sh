@@ -1,20 +1,25 @@
 #!/usr/bin/env bash
 # Sets everything up and runs the whole test suite:
-#   1. host build, every test with the host verifier on;
-#   2. the same under AddressSanitizer + UndefinedBehaviorSanitizer;
-#   3. the concurrency tests under ThreadSanitizer;
-#   4. ambrel.sys for Windows x64, its PE audit, and the layout parity check
+#   1. ambrel.sys for Windows x64, its PE audit, and the layout parity check
 #      between the Windows DDK headers and the host kernel's (each with its
-#      self-test);
-#   5. the fuzzers' smoke runs (clang, libFuzzer);
-#   6. the benchmarks' smoke run (they must run; figures come from scripts/bench.sh);
+#      self-test); the image is what the next steps run a second time;
+#   2. host build, every test with the host verifier on; the suites that reach
+#      the driver only as Windows would run on the host build and on the
+#      image ("@image");
+#   3. the same under AddressSanitizer + UndefinedBehaviorSanitizer;
+#   4. the concurrency tests under ThreadSanitizer (host build);
+#   5. the fuzzers' smoke runs (clang, libFuzzer), and the dispatch fuzzer's
+#      corpus replayed on the image;
+#   6. the benchmarks' smoke run (they must run; figures come from
+#      scripts/bench.sh), the scale benchmark on the image too;
 #   7. the main job itself (README's first command), on a scratch mount.
-# AMBREL_STEPS="host asan" limits the run to some steps.
+# AMBREL_STEPS="host asan" limits the run to some steps; without "windows"
+# the host steps run on the host build alone.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 
-steps=${AMBREL_STEPS:-"host asan tsan windows fuzz bench main"}
+steps=${AMBREL_STEPS:-"windows host asan tsan fuzz bench main"}
 jobs=$(nproc)
 want() { [[ " $steps " == *" $1 "* ]]; }
 banner() { printf '\n==== %s ====\n' "$*"; }
@@ -25,27 +30,8 @@ configure_and_build() {
     cmake --build "$dir" -j"$jobs"
 }
 
-if want host; then
-    banner "host build and tests (verifier on)"
-    configure_and_build build/host -DCMAKE_BUILD_TYPE=Debug
-    ctest --test-dir build/host --output-on-failure -j"$jobs" --timeout 300
-fi
-
-if want asan; then
-    banner "AddressSanitizer + UndefinedBehaviorSanitizer"
-    configure_and_build build/asan -DCMAKE_BUILD_TYPE=Debug -DAMBREL_SANITIZE=address,undefined
-    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
-        ctest --test-dir build/asan --output-on-failure -j"$jobs" --timeout 600
-fi
-
-if want tsan; then
-    banner "ThreadSanitizer (concurrency tests)"
-    configure_and_build build/tsan -DCMAKE_BUILD_TYPE=Debug -DAMBREL_SANITIZE=thread
-    TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-        ctest --test-dir build/tsan --output-on-failure -j"$jobs" -L concurrency --timeout 900
-fi
-
-if want windows && [ -f cmake/mingw-w64-x86_64.cmake ]; then
+image=""
+if want windows; then
     banner "ambrel.sys for Windows x64, its PE audit and the layout parity check"
     configure_and_build build/windows -DCMAKE_BUILD_TYPE=Release \
         -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake
@@ -58,6 +44,28 @@ if want windows && [ -f cmake/mingw-w64-x86_64.cmake ]; then
     cmake -S frontend/windows -B build/windows-frontend -G Ninja -DCMAKE_BUILD_TYPE=Release \
         -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/mingw-w64-x86_64.cmake" >/dev/null
     cmake --build build/windows-frontend
+    image=$PWD/build/windows/ambrel.sys
+fi
+
+if want host; then
+    banner "host build and tests (verifier on)"
+    configure_and_build build/host -DCMAKE_BUILD_TYPE=Debug -DAMBREL_DRIVER_IMAGE="$image"
+    ctest --test-dir build/host --output-on-failure -j"$jobs" --timeout 300
+fi
+
+if want asan; then
+    banner "AddressSanitizer + UndefinedBehaviorSanitizer"
+    configure_and_build build/asan -DCMAKE_BUILD_TYPE=Debug -DAMBREL_SANITIZE=address,undefined \
+        -DAMBREL_DRIVER_IMAGE="$image"
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+        ctest --test-dir build/asan --output-on-failure -j"$jobs" --timeout 600
+fi
+
+if want tsan; then
+    banner "ThreadSanitizer (concurrency tests)"
+    configure_and_build build/tsan -DCMAKE_BUILD_TYPE=Debug -DAMBREL_SANITIZE=thread
+    TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+        ctest --test-dir build/tsan --output-on-failure -j"$jobs" -L concurrency --timeout 900
 fi
 
 if want fuzz && [ -d fuzz ] && [ -f fuzz/CMakeLists.txt ]; then
@@ -73,6 +81,13 @@ if want bench && [ -f bench/CMakeLists.txt ]; then
     for b in build/bench/bench/ambrel_bench*; do
         [ -x "$b" ] && "$b" --benchmark_min_time=0.01 >/dev/null
     done
+    if [ -n "$image" ]; then
+        # The datapath benchmark runs its Ambrel cases on both builds when it
+        # is given the image; the scale benchmark runs on the image alone.
+        build/bench/bench/ambrel_bench_datapath --ambrel-driver="$image" --benchmark_filter=AmbrelImage \
+            --benchmark_min_time=0.01 >/dev/null
+        build/bench/bench/ambrel_bench_scale --ambrel-driver="$image" --benchmark_min_time=0.01 >/dev/null
+    fi
     echo "benchmarks ran"
 fi
 

@@ -35,6 +35,7 @@
 #include <hostkernel/registry.h>
 
 #include "adapter/amadapter.h"
+#include "ambrel_host.h"
 #include "adapter/porttable.h"
 #include "ambrel/mount.h"
 #include "pins.h"
@@ -1117,7 +1118,7 @@ struct HostSystem {
             hk::registry::setDword(key, u"SysexSize", *config.sysexSize);
         }
         NTSTATUS status = STATUS_UNSUCCESSFUL;
-        driver = hk::loadDriver(kService, DriverEntry, &status);
+        driver = ambrelhost::loadAmbrel(kService, config.driverImage, &status);
         if (driver == nullptr) {
             return status;
         }
@@ -1235,6 +1236,14 @@ bool readConfigFile(const std::string &path, Config *config, std::string *error)
             }
             if (!config->sysexSize) {
                 config->sysexSize = v;
+            }
+        } else if (key == "driver") {
+            if (value.empty()) {
+                *error = where + "driver needs the path of a driver image";
+                return false;
+            }
+            if (config->driverImage.empty()) {
+                config->driverImage = value;
             }
         } else if (key == "group") {
             if (value.empty()) {
@@ -1459,7 +1468,8 @@ int run(const Config &config)
                 NTSTATUS status = system.boot(config);
                 booted = NT_SUCCESS(status);
                 if (!booted) {
-                    std::fprintf(stderr, "ambreld: the driver did not start (status 0x%08X)\n", unsigned(status));
+                    std::fprintf(stderr, "ambreld: the driver%s%s did not start (status 0x%08X)\n",
+                                 config.driverImage.empty() ? "" : " ", config.driverImage.c_str(), unsigned(status));
                 } else {
                     std::fprintf(stderr, "ambreld: serving Ambrel on %s (pid %d); stop it with 'ambreld --stop %s'\n",
                                  config.mount.c_str(), int(getpid()), config.mount.c_str());

@@ -12,6 +12,10 @@ struct Config {
     std::string mount;                   // where to mount
     std::optional<std::uint32_t> maxPorts;  // "MaxPorts" for the driver's registry
     std::optional<std::uint32_t> sysexSize; // "SysexSize"
+    // The driver to serve: empty for the one built into ambreld, else a
+    // Windows image (ambrel.sys) for the host kernel's loader. An absolute
+    // path once the options are read (the daemon leaves its directory).
+    std::string driverImage;
     bool foreground = false;
     bool verbose = false;   // the driver's debug log on stderr
     bool debugFuse = false; // libfuse's own request trace
@@ -32,7 +36,7 @@ constexpr std::uint32_t kMinSysexSize = 8176, kMaxSysexSize = 1048560;
 bool checkConfig(const Config &config, std::string *error);
 
 // Reads "key = value" lines ('#' comments): mount, max-ports, sysex-size,
-// verbose, group, public. Values already set in `config` (from flags) win. False with a
+// driver, verbose, group, public. Values already set in `config` (from flags) win. False with a
 // message on an unknown key, a bad value or an unreadable file.
 bool readConfigFile(const std::string &path, Config *config, std::string *error);
 

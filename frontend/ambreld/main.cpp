@@ -135,12 +135,12 @@ int main(int argc, char **argv)
             unmountStale = true;
         } else if (a == "--public") {
             config.everyone = true;
-        } else if (a == "-c" || a == "--config" || a == "--group") {
+        } else if (a == "-c" || a == "--config" || a == "--group" || a == "--driver") {
             const char *text = value(a.c_str());
             if (text == nullptr) {
                 return 2;
             }
-            (a == "--group" ? config.groupName.emplace() : configFile) = text;
+            (a == "--group" ? config.groupName.emplace() : a == "--driver" ? config.driverImage : configFile) = text;
         } else if (a == "--max-ports" || a == "--sysex-size") {
             const char *text = value(a.c_str());
             if (text == nullptr) {
@@ -169,6 +169,18 @@ int main(int argc, char **argv)
     std::string error;
     if (!ambreld::checkConfig(config, &error)) {
         return usage(error);
+    }
+    if (!config.driverImage.empty()) {
+        // The daemon leaves its working directory; the loader needs the file
+        // (and its link map beside it) from wherever it runs.
+        char *absolute = realpath(config.driverImage.c_str(), nullptr);
+        if (absolute == nullptr) {
+            std::fprintf(stderr, "ambreld: cannot use the driver image %s: %s\n", config.driverImage.c_str(),
+                         std::strerror(errno));
+            return 1;
+        }
+        config.driverImage = absolute;
+        std::free(absolute);
     }
     if (config.mount.empty()) {
         const char *env = std::getenv(AMBREL_MOUNT_ENV);

@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "ambrel/mount.h"
+#include "driver_build.h"
 #include "mount_helpers.h"
 
 // Binaries that use only the process helpers need not say where ambreld is.
@@ -36,6 +37,18 @@
 #endif
 
 namespace fetest {
+
+// ambreld with these arguments, serving the build of the driver the test
+// binary runs on: the one built into ambreld, or the image (--driver).
+inline std::vector<std::string> ambreldCommand(std::initializer_list<std::string> args)
+{
+    std::vector<std::string> argv{AMBRELD_PATH};
+    if (ambreltest::onImage()) {
+        argv.insert(argv.end(), {"--driver", ambreltest::driverImage()});
+    }
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+}
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -231,7 +244,7 @@ protected:
             int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
             dup2(fd, 1);
             dup2(fd, 2);
-            std::vector<std::string> argv{AMBRELD_PATH, "-f"};
+            std::vector<std::string> argv = ambreldCommand({"-f"});
             argv.insert(argv.end(), extra.begin(), extra.end());
             argv.push_back(mount_);
             std::vector<char *> args;

@@ -816,9 +816,7 @@ namespace {
 
 std::vector<std::string> ambreld(std::initializer_list<std::string> args)
 {
-    std::vector<std::string> argv{AMBRELD_PATH};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return argv;
+    return ambreldCommand(args);
 }
 
 TEST_F(DaemonTest, OneDaemonPerMountAndStopNamesTheMount)
@@ -850,7 +848,13 @@ TEST_F(DaemonTest, OneDaemonPerMountAndStopNamesTheMount)
 
     // A daemon that died leaves a stale mount: said, and cleared on request.
     Child dying([&] {
-        execl(AMBRELD_PATH, AMBRELD_PATH, "-f", other.c_str(), static_cast<char *>(nullptr));
+        std::vector<std::string> argv = ambreld({"-f", other});
+        std::vector<char *> args;
+        for (std::string &a : argv) {
+            args.push_back(a.data());
+        }
+        args.push_back(nullptr);
+        execv(args[0], args.data());
         return 127;
     });
     ASSERT_TRUE(eventually([&] { return exists(other + "/" AMBREL_PORTS_DIR); }));

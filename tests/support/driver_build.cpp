@@ -1,6 +1,6 @@
 #include "driver_build.h"
 
-#include <cstring>
+#include "driver-host/ambrel_host.h"
 
 namespace ambreltest {
 namespace {
@@ -20,17 +20,7 @@ const std::string &driverImage()
 
 void takeDriverFlag(int *argc, char **argv)
 {
-    static const char kFlag[] = "--ambrel-driver=";
-    int out = 1;
-    for (int i = 1; i < *argc; i++) {
-        if (std::strncmp(argv[i], kFlag, sizeof kFlag - 1) == 0) {
-            image() = argv[i] + sizeof kFlag - 1;
-            continue;
-        }
-        argv[out++] = argv[i];
-    }
-    argv[out] = nullptr;
-    *argc = out;
+    image() = ambrelhost::takeDriverFlag(argc, argv);
 }
 
 } // namespace ambreltest

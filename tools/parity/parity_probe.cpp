@@ -47,6 +47,13 @@ const Pointer AmParitySlot<Pointer, Method>::value = Method;
     {'M', #iface "::" #method, sizeof(&iface::method),         \
      &AmParitySlot<decltype(&iface::method), &iface::method>::value}
 
+// The miniport is not a standard-layout class (it has several bases), for
+// which offsetof is only conditionally supported; both compilers here are
+// GCC with the Itanium layout, which supports it.
+#define AM_MINIPORT_OFFSET(member) \
+    {'O', "CMiniportAmbrel." #member, __builtin_offsetof(CMiniportAmbrel, member), nullptr}
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
+
 extern "C" {
 extern const AmParityRecord am_parity_records[];
 extern const unsigned long long am_parity_record_count;
@@ -308,6 +315,14 @@ const AmParityRecord am_parity_records[] = {
     AM_OFFSET(PortOpenParams, productGuid),
     AM_SIZE(CaptureItem), AM_OFFSET(CaptureItem, link), AM_OFFSET(CaptureItem, timeStamp),
     AM_OFFSET(CaptureItem, length), AM_OFFSET(CaptureItem, data),
+    // ambreld serves the image too, and watches a port's FIFO through the
+    // record's miniport (its room, under the miniport's lock) with the host
+    // build's inline routines: the members those touch.
+    AM_SIZE(PortFifo), AM_OFFSET(PortFifo, m_PendingReadIrp), AM_OFFSET(PortFifo, m_PendingReadBuffer),
+    AM_OFFSET(PortFifo, m_PendingReadLength), AM_OFFSET(PortFifo, m_FifoHead), AM_OFFSET(PortFifo, m_FifoTail),
+    AM_OFFSET(PortFifo, m_FifoBuffer), AM_OFFSET(PortFifo, m_FifoSize), AM_OFFSET(PortFifo, m_FifoMask),
+    AM_MINIPORT_OFFSET(m_PortRecord), AM_MINIPORT_OFFSET(m_Lock), AM_MINIPORT_OFFSET(m_Fifo),
+    AM_MINIPORT_OFFSET(m_SysexSize),
 
     // ------------------------------------------------------------------ request kinds
     AM_CONSTANT(IRP_MJ_CREATE), AM_CONSTANT(IRP_MJ_CREATE_NAMED_PIPE), AM_CONSTANT(IRP_MJ_CLOSE),
