@@ -3,6 +3,8 @@
 // application write becomes one event list for every running capture stream).
 #include "mp_support.h"
 
+#include <hostkernel/io.h>
+
 #include <chrono>
 #include <thread>
 
@@ -89,16 +91,21 @@ TEST(Render, MessageLargerThanTheSpaceRetriesAndIsThenStoredWhole)
     fillFifo(h, 100);
     PMXF s = h.newStream(DMUS_STREAM_MIDI_RENDER);
     const Bytes big = sysex(200, 0x22);
+    hostkernel::TimerArmingLog timers;
     h.play(s, h.allocator.event(big + Bytes{0x90, 0x3C, 0x40}));
     EXPECT_EQ(h.fifoSpace(), 100u);  // none of it went in
     EXPECT_EQ(h.of(s)->m_DMKEvtOffset, 200u);
     EXPECT_TRUE(log.contains("CMiniportAmbrelStream::Write ***** no more space in fifo!"));
 
-    // Retried every millisecond (fifteen retries take 15 ms, not 1.5 s);
-    // what arrives meanwhile only queues.
-    const auto start = std::chrono::steady_clock::now();
+    // Retried by a one-shot timer 1 ms (-10000 in 100-ns units) after each
+    // attempt; what arrives meanwhile only queues.
     ASSERT_TRUE(eventually([&] { return log.count("Ambrel:Miniport: amTimerDPC +++++ done") >= 15; }));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 1200ms);
+    const std::vector<hostkernel::TimerArming> armed = timers.armings();
+    ASSERT_GE(armed.size(), 15u);
+    for (const hostkernel::TimerArming &a : armed) {
+        EXPECT_EQ(a.dueTime, -10000);
+        EXPECT_EQ(a.period, 0);
+    }
     h.play(s, h.allocator.chain({h.allocator.event({0xC0, 0x05}), h.allocator.event({0x80, 0x3C, 0x00})}));
     EXPECT_EQ(h.fifoSpace(), 100u);
     EXPECT_EQ(h.allocator.returned(), 2);  // the filler's events only

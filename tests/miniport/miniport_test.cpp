@@ -3,6 +3,8 @@
 #include "mp_support.h"
 #include "published.h"
 
+#include <hostkernel/portcls.h>
+
 using hostkernel::LogCapture;
 
 TEST(Miniport, CreationSizesTheFifoAndLinksTheRecord)
@@ -118,6 +120,36 @@ TEST(Miniport, TechnologyIsSetBeforeInitAndRewritesTheSharedRanges)
         EXPECT_EQ(h.miniport->SetTechnology(&x), STATUS_UNSUCCESSFUL);
         EXPECT_EQ(h.miniport->m_Technology, expected);
         EXPECT_TRUE(log.contains("CMiniportAmbrel::SetTechnology ----- was already inited!!!"));
+    }
+}
+
+TEST(Miniport, InitWithoutAServiceGroupFailsAndGivesThePortBack)
+{
+    struct Row {
+        NTSTATUS frameworkAnswer;  // PcNewServiceGroup's status; it hands out no group either way
+        NTSTATUS result;
+        const char *message;  // null: nothing is logged for it
+    } rows[] = {
+        {NTSTATUS(0xC000009A), NTSTATUS(0xC000009A), nullptr},
+        {NTSTATUS(0xC0000017), NTSTATUS(0xC0000017), nullptr},
+        {NTSTATUS(0x00000000), NTSTATUS(0xC000009A), "Ambrel:Miniport: CMiniportAmbrel::Init ----- PcNewServiceGroup failed: 0"},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(testing::Message() << std::hex << row.frameworkAnswer);
+        LogCapture log;
+        PortHarness h(u"Piano", 3, 8176, false);
+        hostkernel::failNextServiceGroup(row.frameworkAnswer);
+        h.group = reinterpret_cast<PSERVICEGROUP>(0x1234);
+        EXPECT_EQ(h.miniport->Init(NULL, NULL, &h.port, &h.group), row.result);
+        EXPECT_EQ(h.group, nullptr);
+        EXPECT_EQ(h.miniport->m_ServiceGroup, nullptr);
+        EXPECT_EQ(h.port.refs, 1);  // the reference Init took is given back
+        EXPECT_EQ(h.port.registered, nullptr);
+        EXPECT_FALSE(log.contains("CMiniportAmbrel::Init +++++ succeeded"));
+        EXPECT_EQ(log.contains("PcNewServiceGroup failed"), row.message != nullptr);
+        if (row.message != nullptr) {
+            EXPECT_TRUE(log.contains(row.message));
+        }
     }
 }
 

@@ -192,6 +192,26 @@ std::optional<IoResult> sendKernelRequest(PDEVICE_OBJECT device, PIRP irp,
 // (IRP_DEALLOCATE_BUFFER), and frees the packet.
 void releaseKernelRequest(PIRP irp);
 
+// ------------------------------------------------------------------ timers
+// What drivers asked of their timers. While a TimerArmingLog lives, every
+// KeSetTimer/KeSetTimerEx call is recorded in call order with the due time as
+// the driver passed it (negative: relative, in 100-ns units) and its period,
+// so a test pins the interval a driver chose instead of timing the host's
+// clock. One log at a time.
+struct TimerArming {
+    const void *timer = nullptr;
+    LONGLONG dueTime = 0;
+    LONG period = 0;
+};
+class TimerArmingLog {
+public:
+    TimerArmingLog();
+    ~TimerArmingLog();
+    TimerArmingLog(const TimerArmingLog &) = delete;
+    TimerArmingLog &operator=(const TimerArmingLog &) = delete;
+    std::vector<TimerArming> armings() const;
+};
+
 // ------------------------------------------------------------------ end of test
 // Waits until deferred work has run: closes of files whose last reference an
 // asynchronous completion dropped, and every queued DPC.

@@ -37,6 +37,10 @@ void setDmusEventLimit(size_t events);
 // Bytes a capture pin keeps for a reader that does not read; what arrives
 // beyond is dropped and logged ("portcls: capture pin dropped %u bytes").
 void setCaptureQueueLimit(size_t bytes);
+// The next PcNewServiceGroup call answers `status` and hands out no group:
+// a failure when `status` is an error, or (with a success status) the broken
+// framework a miniport must still survive. One call only; a reset disarms it.
+void failNextServiceGroup(NTSTATUS status);
 
 // The framework's part of the end-of-test check: no framework object with
 // references left (ObjectReferenceLeak), no event or large buffer never

@@ -6,6 +6,7 @@
 // address, so that freed memory can be checked against them.
 #include <chrono>
 #include <deque>
+#include <stdexcept>
 
 #include "../executive/internal.h"
 #include "hostkernel/delay.h"
@@ -251,6 +252,21 @@ void initializeTimer(PKTIMER timer, TIMER_TYPE type)
     timer->Processor = 0;
 }
 
+// The live TimerArmingLog's records; armed says whether one lives, so that
+// a KeSetTimer with nobody listening costs one relaxed load.
+std::atomic<bool> gArmingLogOn{false};
+std::mutex gArmingMutex;
+std::vector<hostkernel::TimerArming> gArmings;
+
+void recordArming(PKTIMER timer, LONGLONG dueTime, LONG period)
+{
+    if (!gArmingLogOn.load(std::memory_order_relaxed)) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(gArmingMutex);
+    gArmings.push_back({timer, dueTime, period});
+}
+
 } // namespace
 
 void checkFreedMemory(const void *base, size_t bytes)
@@ -410,6 +426,7 @@ void KeInitializeTimerEx(PKTIMER Timer, TIMER_TYPE Type)
 BOOLEAN KeSetTimerEx(PKTIMER Timer, LARGE_INTEGER DueTime, LONG Period, PKDPC Dpc)
 {
     requireIrqlAtMost(DISPATCH_LEVEL, "KeSetTimer");
+    recordArming(Timer, DueTime.QuadPart, Period);
     Engine &e = engine();
     std::lock_guard<std::mutex> lock(e.mutex);
     BOOLEAN wasQueued = e.removeTimerLocked(Timer);
@@ -526,3 +543,29 @@ NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLA
     }
     return STATUS_SUCCESS;
 }
+
+namespace hostkernel {
+
+TimerArmingLog::TimerArmingLog()
+{
+    std::lock_guard<std::mutex> lock(detail::gArmingMutex);
+    if (detail::gArmingLogOn.exchange(true)) {
+        throw std::logic_error("a second TimerArmingLog while one lives");
+    }
+    detail::gArmings.clear();
+}
+
+TimerArmingLog::~TimerArmingLog()
+{
+    std::lock_guard<std::mutex> lock(detail::gArmingMutex);
+    detail::gArmingLogOn = false;
+    detail::gArmings.clear();
+}
+
+std::vector<TimerArming> TimerArmingLog::armings() const
+{
+    std::lock_guard<std::mutex> lock(detail::gArmingMutex);
+    return detail::gArmings;
+}
+
+} // namespace hostkernel

@@ -74,7 +74,11 @@ struct Settings {
     USHORT largeBufferSize = 240;
     size_t eventLimit = 0;                 // 0: no limit
     size_t captureQueueLimit = 1u << 20;   // bytes a capture pin keeps for its reader
+    bool serviceGroupFault = false;        // the next PcNewServiceGroup hands out nothing
+    NTSTATUS serviceGroupFaultStatus = STATUS_SUCCESS;
 };
+// Takes (disarms) an armed PcNewServiceGroup fault; false when none is armed.
+bool takeServiceGroupFault(NTSTATUS *status);
 Settings settings();
 
 void countEvents(long delta);

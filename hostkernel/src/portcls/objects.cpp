@@ -173,6 +173,18 @@ Settings settings()
     return r.settings;
 }
 
+bool takeServiceGroupFault(NTSTATUS *status)
+{
+    Registry &r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    if (!r.settings.serviceGroupFault) {
+        return false;
+    }
+    r.settings.serviceGroupFault = false;
+    *status = r.settings.serviceGroupFaultStatus;
+    return true;
+}
+
 void countEvents(long delta) { gEvents += delta; }
 void countBuffers(long delta) { gBuffers += delta; }
 
@@ -263,6 +275,14 @@ void setDmusEventLimit(size_t events)
     Registry &r = registry();
     std::lock_guard<std::mutex> lock(r.mutex);
     r.settings.eventLimit = events;
+}
+
+void failNextServiceGroup(NTSTATUS status)
+{
+    Registry &r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.settings.serviceGroupFault = true;
+    r.settings.serviceGroupFaultStatus = status;
 }
 
 void setCaptureQueueLimit(size_t bytes)

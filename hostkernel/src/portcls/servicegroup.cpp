@@ -149,8 +149,12 @@ NTSTATUS NTAPI PcNewServiceGroup(PSERVICEGROUP *OutServiceGroup, PUNKNOWN OuterU
         // The framework's groups are not aggregatable.
         return STATUS_INVALID_PARAMETER;
     }
+    NTSTATUS status = STATUS_SUCCESS;
+    if (takeServiceGroupFault(&status)) {
+        return status;
+    }
     ServiceGroup *group = nullptr;
-    NTSTATUS status = newServiceGroup(&group);
+    status = newServiceGroup(&group);
     if (NT_SUCCESS(status)) {
         *OutServiceGroup = group;
     }
