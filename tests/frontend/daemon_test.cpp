@@ -1170,8 +1170,12 @@ TEST_F(DaemonTest, StoppedUnderLoadItLosesNothingItAccepted)
     reader.join();
     EXPECT_GT(accepted.load(), 8192u);
     EXPECT_EQ(received, accepted.load());
+    // ENODEV: the write was ambreld's when its port was withdrawn. A write
+    // ambreld had not yet taken from the kernel when it stopped serving ends
+    // with the kernel's own answer, ECONNABORTED while the mount goes, or
+    // ENOTCONN after; the totals above show none of those took a byte.
     for (int e : errors) {
-        EXPECT_TRUE(e == ENODEV || e == ENOTCONN) << std::strerror(e);
+        EXPECT_TRUE(e == ENODEV || e == ECONNABORTED || e == ENOTCONN) << std::strerror(e);
     }
     for (int fd : fds_) {
         ::close(fd);
