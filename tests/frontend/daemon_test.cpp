@@ -1214,10 +1214,15 @@ TEST_F(DaemonTest, ARealSongReachesTheOwnerExactlyAndFluidSynthThroughThePort)
     }
     int owner = openFile(path("Song"), O_RDWR);
     ASSERT_GE(owner, 0);
-    // Its dump of what it hears goes to a file, read while it runs.
+    // Its dump of what it hears goes to a file, read while it runs. Its
+    // command server (which keeps it running without a shell) takes a port
+    // of this process's own: ctest runs this test on both driver builds at
+    // once, and a second FluidSynth on the default port would quit.
     const std::string dumpFile = mount_ + ".fluidsynth";
+    const std::string shellPort = std::to_string(40000 + getpid() % 20000);
     Command synth({"/bin/sh", "-c",
-                   "exec /usr/bin/stdbuf -oL /usr/bin/fluidsynth -d -s -i -a file -o audio.file.name=" + mount_ +
+                   "exec /usr/bin/stdbuf -oL /usr/bin/fluidsynth -d -s -o shell.port=" + shellPort +
+                       " -i -a file -o audio.file.name=" + mount_ +
                        ".wav -m oss -o midi.oss.device=" + portFile("Song", AMBREL_IN_FILE) + " " + font + " >" +
                        dumpFile});
     ASSERT_TRUE(eventually([&] { return listed(owner, synth.pid()); }, 10)) << synth.errors();
