@@ -38,6 +38,7 @@
 #include "ambrel_host.h"
 #include "adapter/porttable.h"
 #include "ambrel/mount.h"
+#include "midigraph.h"
 #include "pins.h"
 #include "portlink.h"
 #include "ports.h"
@@ -347,6 +348,8 @@ struct State {
     // Who may use the mount besides its owner: everyone, or one group.
     bool everyone = false;
     std::optional<gid_t> group;
+    // The MIDI graph every port appears in (--jack), else null.
+    std::unique_ptr<MidiGraph> graph;
 };
 
 State *gState = nullptr;
@@ -702,6 +705,9 @@ std::string infoText(hk::Process &reader, const PortView &p)
         }
         out << "\n";
     }
+    if (gState->graph) {
+        out << gState->graph->describe(p.referenceString);
+    }
     return out.str();
 }
 
@@ -805,6 +811,13 @@ void openControl(fuse_req_t req, const std::string &fileName, struct fuse_file_i
         file->name = reinterpret_cast<const char16_t *>(port->Name);
         file->referenceString = reinterpret_cast<const char16_t *>(port->ReferenceString);
         file->link = PortLink::of(const_cast<MidiPort *>(port));
+        if (gState->graph && file->link) {
+            for (const PortView &view : listPorts()) {
+                if (view.referenceString == file->referenceString) {
+                    gState->graph->portAdded(view, file->link);
+                }
+            }
+        }
     }
     file->stopping = &gState->stopping;
     file->start();
@@ -1253,12 +1266,20 @@ bool readConfigFile(const std::string &path, Config *config, std::string *error)
             if (!config->groupName) {
                 config->groupName = value;
             }
-        } else if (key == "public" || key == "verbose") {
+        } else if (key == "jack-client") {
+            if (value.empty()) {
+                *error = where + "jack-client needs a name";
+                return false;
+            }
+            if (!config->jackClient) {
+                config->jackClient = value;
+            }
+        } else if (key == "public" || key == "verbose" || key == "jack") {
             if (value != "true" && value != "false" && value != "1" && value != "0") {
                 *error = where + key + " is true or false";
                 return false;
             }
-            bool &flag = key == "public" ? config->everyone : config->verbose;
+            bool &flag = key == "public" ? config->everyone : key == "jack" ? config->jack : config->verbose;
             flag = flag || value == "true" || value == "1";
         } else {
             *error = where + "unknown setting \"" + key + "\"";
@@ -1308,6 +1329,9 @@ std::size_t inFlight()
             total += (o->link ? o->link->queued() : 0) + (o->reader ? o->reader->buffered() : 0);
         }
         f->leave();
+    }
+    if (gState->graph) {
+        total += gState->graph->inFlight();
     }
     return total;
 }
@@ -1473,6 +1497,11 @@ int run(const Config &config)
                 } else {
                     std::fprintf(stderr, "ambreld: serving Ambrel on %s (pid %d); stop it with 'ambreld --stop %s'\n",
                                  config.mount.c_str(), int(getpid()), config.mount.c_str());
+                    if (config.jack) {
+                        JackSettings jack;
+                        jack.clientName = config.jackClient.value_or("ambrel");
+                        state.graph = startJackGraph(jack, [] { return gState->processes.get(std::uint64_t(getpid())); });
+                    }
                     if (config.readyFd >= 0) {
                         letGoOfTerminal(config.readyFd);
                     }
@@ -1500,6 +1529,12 @@ int run(const Config &config)
                 // kernel, clients' pins first, then the owners' handles
                 // (their waiting reads end, their ports are withdrawn); the
                 // adapter's removal then finds nothing left to tear down.
+                // The graph's pins close first: it leaves JACK and hears
+                // of no port going any more.
+                if (state.graph) {
+                    state.graph->stop();
+                    state.graph.reset();
+                }
                 std::vector<std::shared_ptr<OpenFile>> left;
                 state.stopping = true;
                 {

@@ -27,6 +27,9 @@ struct Config {
     // Set when started in the background: a byte goes here once the daemon
     // serves, then its standard streams are let go.
     int readyFd = -1;
+    // Every port in the JACK graph too, as this JACK client.
+    bool jack = false;
+    std::optional<std::string> jackClient; // as asked ("ambrel" when none is)
 };
 
 // The driver's own limits for the settings: a value outside them is refused
@@ -36,7 +39,7 @@ constexpr std::uint32_t kMinSysexSize = 8176, kMaxSysexSize = 1048560;
 bool checkConfig(const Config &config, std::string *error);
 
 // Reads "key = value" lines ('#' comments): mount, max-ports, sysex-size,
-// driver, verbose, group, public. Values already set in `config` (from flags) win. False with a
+// driver, verbose, group, public, jack, jack-client. Values already set in `config` (from flags) win. False with a
 // message on an unknown key, a bad value or an unreadable file.
 bool readConfigFile(const std::string &path, Config *config, std::string *error);
 

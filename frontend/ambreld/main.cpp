@@ -135,6 +135,18 @@ int main(int argc, char **argv)
             unmountStale = true;
         } else if (a == "--public") {
             config.everyone = true;
+        } else if (a == "--jack") {
+            config.jack = true;
+        } else if (a == "--jack-client") {
+            const char *text = value(a.c_str());
+            if (text == nullptr) {
+                return 2;
+            }
+            if (*text == '\0') {
+                return usage("--jack-client needs a name");
+            }
+            config.jack = true;
+            config.jackClient = text;
         } else if (a == "-c" || a == "--config" || a == "--group" || a == "--driver") {
             const char *text = value(a.c_str());
             if (text == nullptr) {

@@ -61,47 +61,10 @@ protected:
     }
 
 public:
-    NTSTATUS openOn(std::shared_ptr<hk::Process> process, const PortView &port, KSPIN_DATAFLOW flow,
-                    std::initializer_list<const GUID *> formats)
+    NTSTATUS openOn(std::shared_ptr<hk::Process> process, const PortView &port, bool render)
     {
         process_ = std::move(process);
-        NTSTATUS status = hk::midi::Filter::open(*process_, port.audioLink, &filter_);
-        if (!NT_SUCCESS(status)) {
-            return status;
-        }
-        // The path names the port's slot, and the next port takes a freed
-        // slot: a filter whose pins carry another name is that next port's.
-        std::u16string name;
-        if (!NT_SUCCESS(filter_->pinName(0, &name)) || name != port.name) {
-            filter_->close();
-            filter_.reset();
-            return STATUS_OBJECT_NAME_NOT_FOUND;
-        }
-        status = STATUS_NOT_FOUND;
-        // The first pin kind with room: each kind has its own instance limit.
-        for (const GUID *format : formats) {
-            std::optional<ULONG> id = filter_->findPin(flow, *format);
-            if (!id) {
-                continue;
-            }
-            status = hk::midi::Pin::open(*filter_, *id, *format, &pin_);
-            if (NT_SUCCESS(status)) {
-                status = pin_->setState(KSSTATE_RUN);
-                if (!NT_SUCCESS(status)) {
-                    pin_->close();
-                    pin_.reset();
-                }
-                break;
-            }
-            if (status != STATUS_INSUFFICIENT_RESOURCES) {
-                break;
-            }
-        }
-        if (!NT_SUCCESS(status)) {
-            filter_->close();
-            filter_.reset();
-        }
-        return status;
+        return openPortPin(*process_, port, render, &filter_, &pin_);
     }
 };
 
@@ -552,15 +515,11 @@ private:
                 }
                 break;
             }
-            for (std::size_t at = 0; at + sizeof(KSMUSICFORMAT) <= header.DataUsed;) {
-                KSMUSICFORMAT record;
-                std::memcpy(&record, data.data() + at, sizeof record);
-                std::size_t n = std::min<std::size_t>(record.ByteCount, header.DataUsed - at - sizeof record);
-                splitter_.feed(data.data() + at + sizeof record, n, [&](const std::uint8_t *m, std::size_t len) {
+            forEachCaptureRecord(header, data.data(), [&](const std::uint8_t *bytes, std::size_t n, LONGLONG) {
+                splitter_.feed(bytes, n, [&](const std::uint8_t *m, std::size_t len) {
                     result.chunks.emplace_back(m, m + len);
                 });
-                at += (sizeof record + record.ByteCount + 3) & ~std::size_t(3);
-            }
+            });
             if (!result.chunks.empty()) {
                 break; // otherwise only part of a message came: read on
             }
@@ -606,13 +565,77 @@ const char *subFormatName(const GUID &g)
 
 } // namespace
 
+NTSTATUS openPortPin(hk::Process &process, const PortView &port, bool render,
+                     std::unique_ptr<hk::midi::Filter> *filter, std::unique_ptr<hk::midi::Pin> *pin)
+{
+    NTSTATUS status = hk::midi::Filter::open(process, port.audioLink, filter);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    // The path names the port's slot, and the next port takes a freed
+    // slot: a filter whose pins carry another name is that next port's.
+    std::u16string name;
+    if (!NT_SUCCESS((*filter)->pinName(0, &name)) || name != port.name) {
+        (*filter)->close();
+        filter->reset();
+        return STATUS_OBJECT_NAME_NOT_FOUND;
+    }
+    status = STATUS_NOT_FOUND;
+    // Render: a legacy MIDI pin, then a DirectMusic one once those are
+    // taken (each kind has its own instance limit); capture: MIDI.
+    KSPIN_DATAFLOW flow = render ? KSPIN_DATAFLOW_IN : KSPIN_DATAFLOW_OUT;
+    std::initializer_list<const GUID *> formats = {&KSDATAFORMAT_SUBTYPE_MIDI, &KSDATAFORMAT_SUBTYPE_DIRECTMUSIC};
+    for (const GUID *format : formats) {
+        if (!render && format != &KSDATAFORMAT_SUBTYPE_MIDI) {
+            break;
+        }
+        std::optional<ULONG> id = (*filter)->findPin(flow, *format);
+        if (!id) {
+            continue;
+        }
+        status = hk::midi::Pin::open(**filter, *id, *format, pin);
+        if (NT_SUCCESS(status)) {
+            status = (*pin)->setState(KSSTATE_RUN);
+            if (!NT_SUCCESS(status)) {
+                (*pin)->close();
+                pin->reset();
+            }
+            break;
+        }
+        if (status != STATUS_INSUFFICIENT_RESOURCES) {
+            break;
+        }
+    }
+    if (!NT_SUCCESS(status)) {
+        (*filter)->close();
+        filter->reset();
+    }
+    return status;
+}
+
+void forEachCaptureRecord(const KSSTREAM_HEADER &header, const std::uint8_t *data, const CaptureRecordSink &sink)
+{
+    // The header's time is its first record's; each later record carries
+    // its distance from the one before in whole milliseconds.
+    LONGLONG time = header.PresentationTime.Time;
+    for (std::size_t at = 0; at + sizeof(KSMUSICFORMAT) <= header.DataUsed;) {
+        KSMUSICFORMAT record;
+        std::memcpy(&record, data + at, sizeof record);
+        if (at > 0) {
+            time += LONGLONG(record.TimeDeltaMs) * 10000;
+        }
+        std::size_t n = std::min<std::size_t>(record.ByteCount, header.DataUsed - at - sizeof record);
+        sink(data + at + sizeof record, n, time);
+        at += (sizeof record + record.ByteCount + 3) & ~std::size_t(3);
+    }
+}
+
 NTSTATUS PinFile::open(std::shared_ptr<hk::Process> process, const PortView &port, std::shared_ptr<PortLink> link,
                        bool render, std::unique_ptr<PinFile> *pin)
 {
     if (render) {
         auto p = std::make_unique<RenderPin>(std::move(link));
-        NTSTATUS status = p->openOn(std::move(process), port, KSPIN_DATAFLOW_IN,
-                                    {&KSDATAFORMAT_SUBTYPE_MIDI, &KSDATAFORMAT_SUBTYPE_DIRECTMUSIC});
+        NTSTATUS status = p->openOn(std::move(process), port, true);
         if (NT_SUCCESS(status)) {
             p->start();
             *pin = std::move(p);
@@ -620,7 +643,7 @@ NTSTATUS PinFile::open(std::shared_ptr<hk::Process> process, const PortView &por
         return status;
     }
     auto p = std::make_unique<CapturePin>(std::move(link));
-    NTSTATUS status = p->openOn(std::move(process), port, KSPIN_DATAFLOW_OUT, {&KSDATAFORMAT_SUBTYPE_MIDI});
+    NTSTATUS status = p->openOn(std::move(process), port, false);
     if (NT_SUCCESS(status)) {
         p->start();
         *pin = std::move(p);

@@ -9,9 +9,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <functional>
 #include <string>
 
 #include <hostkernel/io.h>
+#include <hostkernel/midiclient.h>
 
 #include "portlink.h"
 #include "ports.h"
@@ -54,6 +56,16 @@ public:
 // How long a render pin waits at flush or close for a port that takes none
 // of its bytes (a port whose owner reads, however slowly, is waited for).
 extern const std::chrono::milliseconds kDrainPatience;
+
+// A running pin on the port's filter, opened as `process`: render (the
+// first render kind with room) or capture. The filter stays open under it.
+NTSTATUS openPortPin(hostkernel::Process &process, const PortView &port, bool render,
+                     std::unique_ptr<hostkernel::midi::Filter> *filter, std::unique_ptr<hostkernel::midi::Pin> *pin);
+
+// The records of one capture read's header: bytes and the driver's time of
+// each (100-ns units).
+using CaptureRecordSink = std::function<void(const std::uint8_t *bytes, std::size_t length, LONGLONG time)>;
+void forEachCaptureRecord(const KSSTREAM_HEADER &header, const std::uint8_t *data, const CaptureRecordSink &sink);
 
 // Pin creation fails with the framework's statuses; a pin kind that is full
 // reads as EBUSY.
