@@ -1500,6 +1500,7 @@ int run(const Config &config)
                     if (config.jack) {
                         JackSettings jack;
                         jack.clientName = config.jackClient.value_or("ambrel");
+                        jack.verbose = config.verbose;
                         state.graph = startJackGraph(jack, [] { return gState->processes.get(std::uint64_t(getpid())); });
                     }
                     if (config.readyFd >= 0) {

@@ -89,6 +89,7 @@ struct EventHeader {
 };
 
 constexpr std::size_t kRingBytes = 1u << 18;
+constexpr std::size_t kJackPortNameSize = 256;
 // Render messages the worker holds for one port's FIFO before it stops
 // taking from the ring (which then fills, and the process thread counts).
 constexpr std::size_t kPendingBytes = 1u << 20;
@@ -103,11 +104,13 @@ std::int64_t steadyMicros()
     return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch()).count();
 }
 
-std::atomic<bool> gQuietJack{false};
+// JACK's own messages (a server going away prints several) are for
+// --verbose; ambreld says what matters in its own words.
+std::atomic<bool> gJackVerbose{false};
 
 void jackError(const char *text)
 {
-    if (!gQuietJack.load()) {
+    if (gJackVerbose.load()) {
         std::fprintf(stderr, "ambreld: JACK: %s\n", text);
     }
 }
@@ -177,6 +180,7 @@ public:
         : settings_(std::move(settings)), processSource_(std::move(process))
     {
         sem_init(&wake_, 0, 0);
+        gJackVerbose = settings_.verbose;
         jack_set_error_function(jackError);
         jack_set_info_function([](const char *) {});
         supervisor_ = std::thread([this] { supervise(); });
@@ -325,9 +329,7 @@ private:
     bool attach()
     {
         jack_status_t status{};
-        gQuietJack = true; // "cannot connect" every second says nothing new
         jack_client_t *client = jack_client_open(settings_.clientName.c_str(), JackNoStartServer, &status);
-        gQuietJack = false;
         if (client == nullptr) {
             return false;
         }
@@ -452,7 +454,11 @@ private:
             std::fprintf(stderr, "ambreld: JACK: no host process for the bridge\n");
             return;
         }
-        const std::size_t limit = std::size_t(jack_port_name_size()) - 1 - clientName_.size() - 1;
+        // Whole names ("client:port") of up to 255 bytes: programs list
+        // ports in buffers of 256 (JACK_PORT_NAME_SIZE), and a longer name
+        // reaches them cut, its " in" or " out" lost.
+        const std::size_t whole = std::min<std::size_t>(std::size_t(jack_port_name_size()), kJackPortNameSize) - 1;
+        const std::size_t limit = whole > clientName_.size() + 1 ? whole - clientName_.size() - 1 : 0;
         auto registerPort = [&](const std::string &suffix, unsigned long flags, std::string *fullName) {
             std::set<std::string> taken;
             {

@@ -36,6 +36,7 @@ public:
 
 struct JackSettings {
     std::string clientName = "ambrel";
+    bool verbose = false; // JACK's own messages on stderr too
 };
 
 // The host process the graph's pins are opened as (ambreld's own).

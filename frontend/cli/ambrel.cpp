@@ -764,20 +764,39 @@ int cmdList(const Context &ctx, const std::vector<std::string> &argv)
             std::string owner = p.info["owner"].empty() ? "null" : p.info["owner"];
             std::string sysex = p.info["sysex-size"].empty() ? "null" : p.info["sysex-size"];
             std::string dir = p.dir.substr(p.dir.rfind('/') + 1);
+            auto orNull = [&](const char *key) {
+                return p.info.count(key) != 0 ? jsonString(p.info[key]) : std::string("null");
+            };
             std::printf("%s\n  {\"name\": %s, \"directory\": %s, \"direction\": %s, \"sysex_size\": %s, "
-                        "\"owner\": %s, \"processes\": [%s]}",
+                        "\"owner\": %s, \"processes\": [%s], \"jack_in\": %s, \"jack_out\": %s}",
                         separator, jsonString(p.name()).c_str(), jsonString(dir).c_str(),
-                        jsonString(p.info["direction"]).c_str(), sysex.c_str(), owner.c_str(), processes.c_str());
+                        jsonString(p.info["direction"]).c_str(), sysex.c_str(), owner.c_str(), processes.c_str(),
+                        orNull("jack-in").c_str(), orNull("jack-out").c_str());
             separator = ",";
         }
         std::printf("%s]\n", ports.empty() ? "" : "\n");
         return kExitOk;
     }
-    std::printf("%-24s %-16s %-8s %-8s %s\n", "PORT", "DIRECTION", "SYSEX", "OWNER", "PROCESSES");
+    // With ambreld in a JACK graph, the names the ports have there.
+    bool jack = false;
     for (PortEntry &p : ports) {
-        std::printf("%-24s %-16s %-8s %-8s %s\n", p.name().c_str(), p.info["direction"].c_str(),
-                    p.info["sysex-size"].c_str(), p.info["owner"].c_str(),
-                    p.info["processes"].empty() ? "-" : p.info["processes"].c_str());
+        jack = jack || p.info.count("jack-in-lost") != 0;
+    }
+    const char *row = jack ? "%-24s %-16s %-8s %-8s %-16s %s\n" : "%-24s %-16s %-8s %-8s %s%s\n";
+    std::printf(row, "PORT", "DIRECTION", "SYSEX", "OWNER", "PROCESSES", jack ? "JACK" : "");
+    for (PortEntry &p : ports) {
+        std::string names;
+        for (const char *key : {"jack-in", "jack-out"}) {
+            if (p.info.count(key) != 0) {
+                names += (names.empty() ? "" : ", ") + p.info[key];
+            }
+        }
+        if (jack && names.empty()) {
+            names = p.info.count("jack") != 0 ? p.info["jack"] : "-";
+        }
+        std::printf(row, p.name().c_str(), p.info["direction"].c_str(), p.info["sysex-size"].c_str(),
+                    p.info["owner"].c_str(), p.info["processes"].empty() ? "-" : p.info["processes"].c_str(),
+                    names.c_str());
     }
     return kExitOk;
 }

@@ -15,6 +15,7 @@
 #include "adapter/amadapter.h"
 #include "adapter/porttable.h"
 #include "daemon.h"
+#include "midigraph.h"
 #include "pins.h"
 #include "ports.h"
 #include "text.h"
@@ -33,7 +34,8 @@ std::string writeTemp(const std::string &text)
 
 TEST(AmbreldConfig, FileSettingsFillWhatFlagsLeftOpen)
 {
-    std::string path = writeTemp("# Ambrel\n mount = /srv/midi \nmax-ports=64\nSysexSize = 65536 # bytes\n\nverbose = true\n");
+    std::string path = writeTemp("# Ambrel\n mount = /srv/midi \nmax-ports=64\nSysexSize = 65536 # bytes\n\nverbose = true\n"
+                                 "jack = true\njack-client = studio\n");
     ambreld::Config fromFile;
     std::string error;
     ASSERT_TRUE(ambreld::readConfigFile(path, &fromFile, &error)) << error;
@@ -41,12 +43,16 @@ TEST(AmbreldConfig, FileSettingsFillWhatFlagsLeftOpen)
     EXPECT_EQ(fromFile.maxPorts, 64u);
     EXPECT_EQ(fromFile.sysexSize, 65536u);
     EXPECT_TRUE(fromFile.verbose);
+    EXPECT_TRUE(fromFile.jack);
+    EXPECT_EQ(fromFile.jackClient, "studio");
 
     ambreld::Config flags;
     flags.mount = "/run/x";
     flags.maxPorts = 3;
+    flags.jackClient = "ambrel-2";
     ASSERT_TRUE(ambreld::readConfigFile(path, &flags, &error)) << error;
     EXPECT_EQ(flags.mount, "/run/x");
+    EXPECT_EQ(flags.jackClient, "ambrel-2");
     EXPECT_EQ(flags.maxPorts, 3u);
     EXPECT_EQ(flags.sysexSize, 65536u);
     unlink(path.c_str());
@@ -64,6 +70,8 @@ TEST(AmbreldConfig, BadFilesNameTheLineAndTheProblem)
         {"sysex-size = -5\n", "sysex-size needs a number"},
         {"mount =\n", "mount needs a directory"},
         {"verbose = maybe\n", "verbose is true or false"},
+        {"jack = on\n", "jack is true or false"},
+        {"jack-client =\n", "jack-client needs a name"},
         {"colour = blue\n", "unknown setting \"colour\""},
     };
     for (const Case &c : cases) {
@@ -78,6 +86,54 @@ TEST(AmbreldConfig, BadFilesNameTheLineAndTheProblem)
     std::string error;
     EXPECT_FALSE(ambreld::readConfigFile("/nonexistent/ambreld.conf", &config, &error));
     EXPECT_NE(error.find("cannot read"), std::string::npos);
+}
+
+// JACK takes port names of limited length, and ':' separates client and
+// port: every port still gets a name, the same one each time.
+TEST(AmbreldJackNames, RefusedCharactersLengthsAndClashesMapPredictably)
+{
+    struct Case {
+        std::string name, suffix;
+        std::size_t limit;
+        std::set<std::string> taken;
+        std::string expected;
+    } cases[] = {
+        {"Piano", " in", 64, {}, "Piano in"},
+        {"Synth: Lead", " out", 64, {}, "Synth_ Lead out"},
+        {"tab\there\x7f", " in", 64, {}, "tab_here_ in"},
+        {"abcdefghij", " out", 10, {}, "abcdef out"},
+        // Cut before a character, never inside it ("\xC3\xA9" is one).
+        {"caf\xC3\xA9s", " in", 7, {}, "caf in"},
+        {"caf\xC3\xA9s", " in", 8, {}, "caf\xC3\xA9 in"},
+        {"a:b", " in", 64, {"a_b in"}, "a_b~2 in"},
+        {"a:b", " in", 64, {"a_b in", "a_b~2 in"}, "a_b~3 in"},
+        {"abcdefghij", " in", 10, {"abcdefg in"}, "abcde~2 in"},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(ambreld::jackPortName(c.name, c.suffix, c.limit, c.taken), c.expected) << c.name;
+    }
+}
+
+// A captured event goes one period after its frame, keeping the distances
+// of a period's events and their order; a later period's waits.
+TEST(AmbreldJackTiming, CapturedEventsLandAtTheirFrameOnePeriodLater)
+{
+    struct Case {
+        std::uint32_t event, start, frames, floor, expected;
+    } cases[] = {
+        {1000, 1256, 256, 0, 0},       // at the previous period's start
+        {1100, 1256, 256, 0, 100},     // inside it
+        {1255, 1256, 256, 0, 255},     // its last frame
+        {1256, 1256, 256, 0, 256},     // this period's own: the next one takes it
+        {900, 1256, 256, 0, 0},        // late: as early as can be
+        {1100, 1256, 256, 120, 120},   // never before the one placed before it
+        {0xFFFFFFF0u, 0xF0u, 256, 0, 0}, // the frame clock wrapped
+        {0xFFFFFFFAu, 0xF0u, 256, 0, 10},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(ambreld::captureOffset(c.event, c.start, c.frames, c.floor), c.expected)
+            << c.event << " in the period at " << c.start;
+    }
 }
 
 TEST(AmbreldText, NamesConvertBothWaysAndMalformedUtf8IsRefused)
