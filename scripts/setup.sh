@@ -13,9 +13,11 @@ packages=(
 )
 
 # Programs and songs the front end is tried with as users would meet them:
-# FluidSynth recording from a port, Standard MIDI Files from Debian's games.
+# FluidSynth recording from a port, Standard MIDI Files from Debian's games,
+# sox measuring what FluidSynth rendered, python3-rtmidi listing JACK ports
+# (jackd2 brings jack_midiseq, jack_midi_dump and jack_midi_latency_test).
 # Their recommendations (desktop sound servers) are not wanted.
-test_packages=(fluidsynth timgm6mb-soundfont openttd-openmsx planetblupi-music-midi)
+test_packages=(fluidsynth timgm6mb-soundfont openttd-openmsx planetblupi-music-midi sox python3-rtmidi)
 
 missing=()
 for p in "${packages[@]}"; do

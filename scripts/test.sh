@@ -95,7 +95,24 @@ if want main; then
     banner "the main job"
     # A scratch mount, so a developer's own ambreld on /run/ambrel is left alone.
     mnt=$(mktemp -d "${TMPDIR:-/tmp}/ambrel-main.XXXXXX")
-    AMBREL_MOUNT=$mnt timeout 900 bash scripts/main.sh
+    # A JACK server of its own name, stopped afterwards (SIGKILL when it
+    # ignores SIGTERM for two seconds).
+    jackd_pidfile=$mnt.jackd
+    stop_main_jackd() {
+        [ -s "$jackd_pidfile" ] || return 0
+        local pid
+        pid=$(cat "$jackd_pidfile")
+        kill "$pid" 2>/dev/null || true
+        for _ in $(seq 20); do
+            kill -0 "$pid" 2>/dev/null || break
+            sleep 0.1
+        done
+        kill -9 "$pid" 2>/dev/null || true
+        rm -f "$jackd_pidfile"
+    }
+    trap stop_main_jackd EXIT
+    AMBREL_MOUNT=$mnt JACK_DEFAULT_SERVER=ambrel-main-$$ AMBREL_JACKD_PIDFILE=$jackd_pidfile \
+        timeout 900 bash scripts/main.sh
     if mountpoint -q "$mnt"; then
         build/frontend/bin/ambreld --stop "$mnt" || true
         if mountpoint -q "$mnt"; then
@@ -103,5 +120,6 @@ if want main; then
             exit 1
         fi
     fi
+    stop_main_jackd
     rmdir "$mnt"
 fi
