@@ -8,8 +8,13 @@
 //   pipe         a plain pipe(2).
 // Latency: one message at a time; the sender stamps CLOCK_MONOTONIC in
 // shared memory before it sends, the receiver stamps on arrival; median and
-// p99 in microseconds (counters). Throughput: bursts of note-ons written one
-// message per write as fast as the transport takes them (items_per_second).
+// p99 in microseconds (counters). Throughput: bursts of note-ons written as
+// fast as the transport takes them, 1, 64 or 1024 messages per write for the
+// byte streams (items_per_second); JACK's sender queues them for its cycles.
+// Round trip: jack_midi_latency_test through ambreld's JACK bridge and
+// ambrel-echo as the port's owner ("ambrel:Echo in" -> owner -> "ambrel:Echo
+// out"), against the same tool through a JACK client that passes events on
+// in the same cycle; frames and periods (counters).
 // Ambrel's rows need root and /dev/fuse, JACK's need jackd: a row whose peer
 // cannot start is skipped with the reason.
 #include <benchmark/benchmark.h>
@@ -21,6 +26,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <sys/wait.h>
@@ -33,14 +39,23 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <regex>
 #include <string>
 #include <vector>
 
 namespace {
 
+// jackd keeps a machine-wide table of eight servers in /dev/shm, and a
+// server that had to be killed keeps its entry: this run's servers (and
+// their clients) get a /dev/shm of their own, made before any thread runs.
+const bool gPrivateShm = [] {
+    return geteuid() == 0 && unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
+}();
+
 constexpr int kLatencyMessages = 2000;
 constexpr int kWarmup = 100;
-constexpr int kBurst = 5000;
+constexpr int kBurst = 5120; // whole batches of 1, 64 and 1024
 constexpr std::int64_t kWaitLimitNs = 5'000'000'000;
 
 std::int64_t nowNs()
@@ -119,6 +134,23 @@ bool waitReady()
     }
 }
 
+// A write the transport may take in parts (a pipe, a port's back pressure).
+bool writeAll(int fd, const unsigned char *bytes, size_t n)
+{
+    while (n > 0) {
+        ssize_t w = write(fd, bytes, n);
+        if (w <= 0) {
+            if (w < 0 && errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        bytes += w;
+        n -= size_t(w);
+    }
+    return true;
+}
+
 void stopChild(pid_t child)
 {
     if (child > 0) {
@@ -150,7 +182,8 @@ void stopServer(pid_t server)
 struct Transport {
     virtual ~Transport() = default;
     virtual std::string start() = 0; // "" or why it cannot run
-    virtual bool send(const unsigned char *note) = 0;
+    // `count` note-ons (3 bytes each) in one call.
+    virtual bool send(const unsigned char *notes, int count = 1) = 0;
     virtual void stop() = 0;
 };
 
@@ -224,6 +257,7 @@ void runLatency(benchmark::State &state, Transport &t)
     state.counters["lost"] = double(lost - warmupLost);
 }
 
+// state.range(0): messages per write.
 void runThroughput(benchmark::State &state, Transport &t)
 {
     resetShared();
@@ -233,11 +267,15 @@ void runThroughput(benchmark::State &state, Transport &t)
         t.stop();
         return;
     }
-    const unsigned char note[3] = {0x90, 60, 100};
+    const int batch = int(state.range(0));
+    std::vector<unsigned char> notes;
+    for (int i = 0; i < batch; ++i) {
+        notes.insert(notes.end(), {0x90, 60, 100});
+    }
     std::uint64_t sent = 0;
     for (auto _ : state) {
-        for (int i = 0; i < kBurst; ++i) {
-            if (!t.send(note)) {
+        for (int i = 0; i < kBurst; i += batch) {
+            if (!t.send(notes.data(), batch)) {
                 state.SkipWithError("send failed");
                 t.stop();
                 return;
@@ -273,7 +311,7 @@ struct PipeTransport : Transport {
         close(fds[0]);
         return waitReady() ? "" : "receiver did not start";
     }
-    bool send(const unsigned char *note) override { return write(fds[1], note, 3) == 3; }
+    bool send(const unsigned char *notes, int count) override { return writeAll(fds[1], notes, size_t(count) * 3); }
     void stop() override
     {
         close(fds[1]);
@@ -287,6 +325,33 @@ const std::string &jackServerName()
 {
     static const std::string name = "ambrel-bench-" + std::to_string(getpid());
     return name;
+}
+
+std::string jackPeriod()
+{
+    const char *periodEnv = std::getenv("AMBREL_BENCH_JACK_PERIOD");
+    return periodEnv != nullptr ? periodEnv : "64";
+}
+
+// jackd on the dummy backend under this run's name; its clients find it
+// through JACK_DEFAULT_SERVER too.
+pid_t startJackd()
+{
+    setenv("JACK_DEFAULT_SERVER", jackServerName().c_str(), 1);
+    jack_set_error_function([](const char *) {});
+    jack_set_info_function([](const char *) {});
+    std::string period = jackPeriod();
+    pid_t server = fork();
+    if (server == 0) {
+        int devnull = open("/dev/null", O_WRONLY);
+        dup2(devnull, 1);
+        dup2(devnull, 2);
+        const std::string &name = jackServerName();
+        execlp("jackd", "jackd", "--no-realtime", "-t", "10000", "-n", name.c_str(), "-d", "dummy", "-r", "48000", "-p",
+               period.c_str(), static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    return server;
 }
 
 struct JackSender {
@@ -343,21 +408,7 @@ struct JackTransport : Transport {
 
     std::string start() override
     {
-        jackServerName();
-        jack_set_error_function([](const char *) {});
-        jack_set_info_function([](const char *) {});
-        const char *periodEnv = std::getenv("AMBREL_BENCH_JACK_PERIOD");
-        std::string period = periodEnv != nullptr ? periodEnv : "64";
-        server = fork();
-        if (server == 0) {
-            int devnull = open("/dev/null", O_WRONLY);
-            dup2(devnull, 1);
-            dup2(devnull, 2);
-            const std::string &name = jackServerName();
-            execlp("jackd", "jackd", "--no-realtime", "-t", "10000", "-n", name.c_str(), "-d", "dummy", "-r", "48000", "-p",
-                   period.c_str(), static_cast<char *>(nullptr));
-            _exit(127);
-        }
+        server = startJackd();
         child = fork();
         if (child == 0) {
             jack_client_t *c = openJackClient("recv");
@@ -398,7 +449,7 @@ struct JackTransport : Transport {
         const unsigned char probe[3] = {0x90, 0, 1};
         std::int64_t begin = nowNs();
         while (shared()->received.load() == 0) {
-            send(probe);
+            send(probe, 1);
             usleep(20000);
             if (nowNs() - begin > kWaitLimitNs) {
                 return "the connection carries nothing";
@@ -408,17 +459,18 @@ struct JackTransport : Transport {
         shared()->received = 0;
         return "";
     }
-    bool send(const unsigned char *note) override
+    bool send(const unsigned char *notes, int count) override
     {
         // The ring drains once per cycle; a client jackd has dropped never drains it.
         std::int64_t start = nowNs();
-        while (jack_ringbuffer_write_space(sender.ring) < 3) {
+        size_t n = size_t(count) * 3;
+        while (jack_ringbuffer_write_space(sender.ring) < n) {
             if (nowNs() - start > kWaitLimitNs) {
                 return false;
             }
             sched_yield();
         }
-        return jack_ringbuffer_write(sender.ring, reinterpret_cast<const char *>(note), 3) == 3;
+        return jack_ringbuffer_write(sender.ring, reinterpret_cast<const char *>(notes), n) == n;
     }
     void stop() override
     {
@@ -505,7 +557,7 @@ struct AmbrelTransport : Transport {
         }
         return fd < 0 ? std::string("cannot open the port: ") + std::strerror(errno) : "";
     }
-    bool send(const unsigned char *note) override { return write(fd, note, 3) == 3; }
+    bool send(const unsigned char *notes, int count) override { return writeAll(fd, notes, size_t(count) * 3); }
     void stop() override
     {
         stopChild(child);
@@ -517,6 +569,180 @@ struct AmbrelTransport : Transport {
         rmdir(mount);
     }
 };
+
+// ------------------------------------------------------------------ round trip
+// A JACK client that passes every event from its input to its output at the
+// same frame of the same cycle: the direct path the bridge is measured
+// against.
+int passOn(jack_nframes_t frames, void *arg)
+{
+    auto **ports = static_cast<jack_port_t **>(arg);
+    void *in = jack_port_get_buffer(ports[0], frames);
+    void *out = jack_port_get_buffer(ports[1], frames);
+    jack_midi_clear_buffer(out);
+    for (std::uint32_t i = 0, n = jack_midi_get_event_count(in); i < n; ++i) {
+        jack_midi_event_t e;
+        if (jack_midi_event_get(&e, in, i) == 0) {
+            jack_midi_event_write(out, e.time, e.buffer, e.size);
+        }
+    }
+    return 0;
+}
+
+bool jackPortExists(const char *name)
+{
+    jack_client_t *c = openJackClient("probe");
+    if (c == nullptr) {
+        return false;
+    }
+    bool found = jack_port_by_name(c, name) != nullptr;
+    jack_client_close(c);
+    return found;
+}
+
+// Runs jack_midi_latency_test between `out` and `in`; its report in `text`.
+std::string runLatencyTool(const char *out, const char *in, std::string *text)
+{
+    int fds[2];
+    if (pipe(fds) != 0) {
+        return "pipe failed";
+    }
+    pid_t tool = fork();
+    if (tool == 0) {
+        dup2(fds[1], 1);
+        dup2(fds[1], 2);
+        close(fds[0]);
+        execlp("jack_midi_latency_test", "jack_midi_latency_test", "-s", "500", "-t", "5", out, in,
+               static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    close(fds[1]);
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(fds[0], buf, sizeof buf)) > 0) {
+        text->append(buf, size_t(n));
+    }
+    close(fds[0]);
+    int status = 0;
+    waitpid(tool, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) == 127) {
+        return "jack_midi_latency_test did not run (jackd2's example clients)";
+    }
+    return "";
+}
+
+void reportRoundTrip(benchmark::State &state, const std::string &text)
+{
+    std::smatch m;
+    static const std::regex average(R"(Average latency: [0-9.]+ ms \(([0-9.]+) frames\))");
+    static const std::regex highest(R"(Highest latency: [0-9.]+ ms \(([0-9]+) frames\))");
+    static const std::regex lowest(R"(Lowest latency: [0-9.]+ ms \(([0-9]+) frames\))");
+    if (!std::regex_search(text, m, average)) {
+        state.SkipWithError(("no latency in jack_midi_latency_test's report: " + text.substr(0, 200)).c_str());
+        return;
+    }
+    double period = std::stod(jackPeriod());
+    state.counters["avg_frames"] = std::stod(m[1]);
+    state.counters["avg_periods"] = std::stod(m[1]) / period;
+    if (std::regex_search(text, m, highest)) {
+        state.counters["max_frames"] = std::stod(m[1]);
+    }
+    if (std::regex_search(text, m, lowest)) {
+        state.counters["min_frames"] = std::stod(m[1]);
+    }
+    state.counters["period_frames"] = period;
+}
+
+void BM_RoundTrip_Jack_Direct(benchmark::State &state)
+{
+    pid_t server = startJackd();
+    pid_t pass = fork();
+    if (pass == 0) {
+        jack_client_t *c = openJackClient("pass");
+        if (c == nullptr) {
+            _exit(1);
+        }
+        static jack_port_t *ports[2];
+        ports[0] = jack_port_register(c, "in", JACK_DEFAULT_MIDI_TYPE, JackPortIsInput, 0);
+        ports[1] = jack_port_register(c, "out", JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput, 0);
+        jack_set_process_callback(c, passOn, ports);
+        if (ports[0] == nullptr || ports[1] == nullptr || jack_activate(c) != 0) {
+            _exit(1);
+        }
+        for (;;) {
+            pause();
+        }
+    }
+    std::int64_t begin = nowNs();
+    while (!jackPortExists("pass:out") && nowNs() - begin < kWaitLimitNs) {
+        usleep(20000);
+    }
+    std::string text, why;
+    for (auto _ : state) {
+        why = runLatencyTool("pass:in", "pass:out", &text);
+    }
+    stopChild(pass);
+    stopServer(server);
+    if (!why.empty()) {
+        state.SkipWithError(why.c_str());
+        return;
+    }
+    reportRoundTrip(state, text);
+}
+
+void BM_RoundTrip_Jack_AmbrelEcho(benchmark::State &state)
+{
+    if (geteuid() != 0 || access("/dev/fuse", R_OK | W_OK) != 0) {
+        state.SkipWithError("needs root and /dev/fuse");
+        return;
+    }
+    char mount[64] = "/tmp/ambrel-bench-XXXXXX";
+    if (mkdtemp(mount) == nullptr) {
+        state.SkipWithError("mkdtemp failed");
+        return;
+    }
+    pid_t server = startJackd();
+    pid_t daemon = fork();
+    if (daemon == 0) {
+        int devnull = open("/dev/null", O_WRONLY);
+        dup2(devnull, 1);
+        dup2(devnull, 2);
+        execl(AMBRELD_PATH, "ambreld", "-f", "--jack", mount, static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    std::string ports = std::string(mount) + "/ports";
+    struct stat st;
+    std::int64_t begin = nowNs();
+    while (stat(ports.c_str(), &st) != 0 && nowNs() - begin < kWaitLimitNs) {
+        usleep(2000);
+    }
+    pid_t echo = fork();
+    if (echo == 0) {
+        int devnull = open("/dev/null", O_WRONLY);
+        dup2(devnull, 1);
+        setenv("AMBREL_MOUNT", mount, 1);
+        execl(AMBREL_ECHO_PATH, "ambrel-echo", "Echo", static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    begin = nowNs();
+    while (!(jackPortExists("ambrel:Echo in") && jackPortExists("ambrel:Echo out")) &&
+           nowNs() - begin < 2 * kWaitLimitNs) {
+        usleep(20000);
+    }
+    std::string text, why;
+    for (auto _ : state) {
+        why = runLatencyTool("ambrel:Echo in", "ambrel:Echo out", &text);
+    }
+    stopServer(echo);
+    stopServer(daemon);
+    stopServer(server);
+    rmdir(mount);
+    if (!why.empty()) {
+        state.SkipWithError(why.c_str());
+        return;
+    }
+    reportRoundTrip(state, text);
+}
 
 void BM_Latency_Ambrel_Render(benchmark::State &state)
 {
@@ -563,10 +789,12 @@ BENCHMARK(BM_Latency_Ambrel_Render)->Iterations(kLatencyMessages)->Unit(benchmar
 BENCHMARK(BM_Latency_Ambrel_Capture)->Iterations(kLatencyMessages)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Latency_Jack)->Iterations(kLatencyMessages)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Latency_Pipe)->Iterations(kLatencyMessages)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Throughput_Ambrel_Render)->Iterations(4)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Throughput_Ambrel_Capture)->Iterations(4)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Throughput_Jack)->Iterations(4)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Throughput_Pipe)->Iterations(4)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Throughput_Ambrel_Render)->Arg(1)->Arg(64)->Arg(1024)->Iterations(4)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Throughput_Ambrel_Capture)->Arg(1)->Arg(64)->Arg(1024)->Iterations(4)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Throughput_Jack)->Arg(1)->Iterations(4)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Throughput_Pipe)->Arg(1)->Arg(64)->Arg(1024)->Iterations(4)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RoundTrip_Jack_Direct)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RoundTrip_Jack_AmbrelEcho)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 } // namespace
 

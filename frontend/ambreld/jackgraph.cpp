@@ -287,8 +287,8 @@ private:
             for (Command &c : commands) {
                 if (c.add) {
                     add(c.view, std::move(c.link));
-                } else {
-                    remove(c.view.referenceString);
+                } else if (c.link) {
+                    remove(c.view.referenceString, c.link.get());
                 }
             }
             if (client_ != nullptr && serverGone_) {
@@ -387,19 +387,19 @@ private:
     void add(const PortView &view, std::shared_ptr<PortLink> link)
     {
         std::u16string ref = view.referenceString;
+        // A port that took the slot of one whose going is still queued: the
+        // old one goes first.
+        remove(ref, nullptr);
         {
             std::lock_guard<std::mutex> lock(stateMutex_);
-            if (known_.count(ref) != 0) {
-                return;
-            }
             Known &k = known_[ref];
             k.view = view;
             k.link = link;
             k.losses = std::make_shared<Losses>();
         }
-        std::uint64_t id = link->listen([this, view] {
+        std::uint64_t id = link->listen([this, view, weak = std::weak_ptr<PortLink>(link)] {
             std::lock_guard<std::mutex> lock(commandMutex_);
-            commands_.push_back(Command{false, view, nullptr});
+            commands_.push_back(Command{false, view, weak.lock()});
             commandCv_.notify_all();
         });
         {
@@ -407,7 +407,7 @@ private:
             known_[ref].listener = id;
         }
         if (link->goneError() != 0) {
-            remove(ref); // went before we listened
+            remove(ref, link.get()); // went before we listened
             return;
         }
         if (client_ != nullptr) {
@@ -415,8 +415,16 @@ private:
         }
     }
 
-    void remove(const std::u16string &ref)
+    // The port of that slot, if it is the one of `link` (any, when null).
+    void remove(const std::u16string &ref, const PortLink *which)
     {
+        {
+            std::lock_guard<std::mutex> lock(stateMutex_);
+            auto it = known_.find(ref);
+            if (it == known_.end() || (which != nullptr && it->second.link.get() != which)) {
+                return;
+            }
+        }
         unbridge(ref);
         std::shared_ptr<PortLink> link;
         std::uint64_t id = 0;
