@@ -320,23 +320,32 @@ struct PipeTransport : Transport {
 };
 
 // ------------------------------------------------------------------ JACK
-// Named after the benchmark process (children inherit the name, not the pid).
+// Named after the benchmark process and numbered (children inherit the
+// name, not the pid), so that a server never meets the remains of one
+// killed before it.
+std::string gJackServer;
 const std::string &jackServerName()
 {
-    static const std::string name = "ambrel-bench-" + std::to_string(getpid());
-    return name;
+    return gJackServer;
 }
 
-std::string jackPeriod()
+std::string gJackPeriod;
+const std::string &jackPeriod()
 {
-    const char *periodEnv = std::getenv("AMBREL_BENCH_JACK_PERIOD");
-    return periodEnv != nullptr ? periodEnv : "64";
+    return gJackPeriod;
 }
 
-// jackd on the dummy backend under this run's name; its clients find it
-// through JACK_DEFAULT_SERVER too.
-pid_t startJackd()
+// jackd on the dummy backend under a new name; its clients find it through
+// JACK_DEFAULT_SERVER too. The period: AMBREL_BENCH_JACK_PERIOD (64 frames
+// by default), or for the round trip AMBREL_BENCH_ROUNDTRIP_PERIOD (256: at
+// 64 frames the dummy backend on a busy machine runs late so often that
+// jack_midi_latency_test loses messages even on a direct connection).
+pid_t startJackd(bool roundTrip = false)
 {
+    static int serial = 0;
+    gJackServer = "ambrel-bench-" + std::to_string(getpid()) + "-" + std::to_string(++serial);
+    const char *periodEnv = std::getenv(roundTrip ? "AMBREL_BENCH_ROUNDTRIP_PERIOD" : "AMBREL_BENCH_JACK_PERIOD");
+    gJackPeriod = periodEnv != nullptr ? periodEnv : roundTrip ? "256" : "64";
     setenv("JACK_DEFAULT_SERVER", jackServerName().c_str(), 1);
     jack_set_error_function([](const char *) {});
     jack_set_info_function([](const char *) {});
@@ -655,7 +664,7 @@ void reportRoundTrip(benchmark::State &state, const std::string &text)
 
 void BM_RoundTrip_Jack_Direct(benchmark::State &state)
 {
-    pid_t server = startJackd();
+    pid_t server = startJackd(true);
     pid_t pass = fork();
     if (pass == 0) {
         jack_client_t *c = openJackClient("pass");
@@ -701,7 +710,7 @@ void BM_RoundTrip_Jack_AmbrelEcho(benchmark::State &state)
         state.SkipWithError("mkdtemp failed");
         return;
     }
-    pid_t server = startJackd();
+    pid_t server = startJackd(true);
     pid_t daemon = fork();
     if (daemon == 0) {
         int devnull = open("/dev/null", O_WRONLY);

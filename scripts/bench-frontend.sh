@@ -7,7 +7,8 @@
 # median of repetitions, with --benchmark_repetitions). Needs root
 # and /dev/fuse (ambreld mounts a temporary directory). Extra arguments go to
 # the benchmark binary; AMBREL_BENCH_JACK_PERIOD sets jackd's period (frames
-# at 48 kHz, default 64).
+# at 48 kHz, default 64), AMBREL_BENCH_ROUNDTRIP_PERIOD the round trip's
+# (default 256).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -26,7 +27,7 @@ import json, sys
 runs = {}
 for r in json.load(open(sys.argv[1]))["benchmarks"]:
     parts = [p for p in r.get("run_name", r["name"]).split("/")
-             if not p.startswith(("iterations:", "repeats:", "min_time:"))]
+             if not p.startswith(("iterations:", "repeats:", "min_time:", "real_time", "manual_time"))]
     key = "/".join(parts)
     kind = r.get("aggregate_name", "median") if r.get("run_type") == "aggregate" else "run"
     if kind not in ("median", "run"):
