@@ -252,6 +252,7 @@ public:
         if (worker_.joinable()) {
             worker_.join();
         }
+        delete snapshot_.exchange(nullptr); // no process thread runs any more
     }
 
 private:
