@@ -1,6 +1,7 @@
 // ambreld's parts that need no mount: its settings file, the UTF-8 /
-// UTF-16 conversion that every name passes through, and its pin opening
-// against the driver booted in this process.
+// UTF-16 conversion that every name passes through, the JACK bridge's names
+// and frame placement, capture records, and its pin opening against the
+// driver booted in this process.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <cstdio>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include <hostkernel/io.h>
 #include <hostkernel/pnp.h>
@@ -133,6 +135,60 @@ TEST(AmbreldJackTiming, CapturedEventsLandAtTheirFrameOnePeriodLater)
     for (const Case &c : cases) {
         EXPECT_EQ(ambreld::captureOffset(c.event, c.start, c.frames, c.floor), c.expected)
             << c.event << " in the period at " << c.start;
+    }
+}
+
+// A capture read's buffer: records of an 8-byte head (milliseconds since
+// the record before, byte count) and their bytes padded to 4; the header's
+// time is the first record's. A record cut short by DataUsed gives what
+// is there; a head that does not fit ends the walk.
+TEST(AmbreldCaptureRecords, EachRecordComesWithItsBytesAndItsTime)
+{
+    struct Record {
+        std::uint32_t deltaMs;
+        std::vector<std::uint8_t> bytes;
+    };
+    struct Seen {
+        std::vector<std::uint8_t> bytes;
+        LONGLONG time;
+        bool operator==(const Seen &o) const { return bytes == o.bytes && time == o.time; }
+    };
+    struct Case {
+        const char *what;
+        std::vector<Record> records;
+        std::size_t trim; // bytes taken off DataUsed
+        std::vector<Seen> expected;
+    } cases[] = {
+        {"one", {{0, {0x90, 60, 100}}}, 0, {{{0x90, 60, 100}, 5000000}}},
+        {"deltas add up; the first one's is the header's",
+         {{7, {0xF8}}, {5, {0x80, 60, 0}}, {12, {0xF0, 1, 2, 3, 4, 0xF7}}},
+         0,
+         {{{0xF8}, 5000000}, {{0x80, 60, 0}, 5050000}, {{0xF0, 1, 2, 3, 4, 0xF7}, 5170000}}},
+        {"the last one cut short (its padding and two bytes)", {{0, {0xF8}}, {1, {0xF0, 1, 2, 3, 4, 0xF7}}}, 4,
+         {{{0xF8}, 5000000}, {{0xF0, 1, 2, 3}, 5010000}}},
+        {"a head that does not fit", {{0, {0xF8}}, {1, {0xFA}}}, 9, {{{0xF8}, 5000000}}},
+    };
+    for (const Case &c : cases) {
+        std::vector<std::uint8_t> data;
+        for (const Record &r : c.records) {
+            for (std::uint32_t v : {r.deltaMs, std::uint32_t(r.bytes.size())}) {
+                for (int i = 0; i < 4; ++i) {
+                    data.push_back(std::uint8_t(v >> (8 * i)));
+                }
+            }
+            data.insert(data.end(), r.bytes.begin(), r.bytes.end());
+            data.resize((data.size() + 3) & ~std::size_t(3));
+        }
+        KSSTREAM_HEADER header{};
+        header.Size = sizeof header;
+        header.DataUsed = ULONG(data.size() - c.trim);
+        header.FrameExtent = ULONG(data.size());
+        header.PresentationTime.Time = 5000000;
+        std::vector<Seen> seen;
+        ambreld::forEachCaptureRecord(header, data.data(), [&](const std::uint8_t *bytes, std::size_t n, LONGLONG time) {
+            seen.push_back({std::vector<std::uint8_t>(bytes, bytes + n), time});
+        });
+        EXPECT_TRUE(seen == c.expected) << c.what;
     }
 }
 

@@ -881,7 +881,8 @@ TEST(AmbreldSettings, ValuesOutsideTheDriversRangesAreRefused)
                                                             {"--sysex-size", "1048561"},
                                                             {"--config", conf},
                                                             {"--group", "no-such-group-here"},
-                                                            {"--public", "--group", "audio"}}) {
+                                                            {"--public", "--group", "audio"},
+                                                            {"--jack-client", ""}}) {
         std::vector<std::string> argv{AMBRELD_PATH};
         argv.insert(argv.end(), args.begin(), args.end());
         argv.push_back("/nonexistent/mount");

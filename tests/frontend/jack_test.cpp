@@ -4,9 +4,12 @@
 // uses, and kills it (SIGKILL after a bounded wait) whatever the outcome.
 #include "daemon_fixture.h"
 
+#include <jack/jack.h>
+#include <jack/midiport.h>
 #include <sched.h>
 #include <sys/mount.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <map>
@@ -124,7 +127,7 @@ protected:
         std::set<std::string> ports;
         std::istringstream lines(lsp.output());
         for (std::string line; std::getline(lines, line);) {
-            if (line.rfind("ambrel:", 0) == 0) {
+            if (line.rfind(client_ + ":", 0) == 0) {
                 ports.insert(line);
             }
         }
@@ -159,6 +162,7 @@ protected:
     }
 
     std::string server_;
+    std::string client_ = "ambrel"; // the bridge's JACK client
     std::unique_ptr<Child> jackd_;
 };
 
@@ -452,13 +456,143 @@ TEST_F(JackTest, ServersThatComeGoAndReturnAreFollowed)
     EXPECT_TRUE(eventually([&] { return jackPorts().size() == 2; })) << daemonLog();
 }
 
-// 128 ports at once, and names JACK refuses: ':' (its separator) and a
-// name longer than a JACK port name takes, mapped as the daemon's unit
-// test says and shown by info and `ambrel list`.
-TEST_F(JackTest, ManyPortsAndNamesJackRefuses)
+// A JACK client of the test's own: while `playing`, it fills every period
+// with numbered SysEx messages of kFloodSize bytes, as many as JACK's MIDI
+// buffer takes, and counts them.
+class Flood {
+public:
+    static constexpr std::size_t kFloodSize = 1000;
+
+    explicit Flood(const char *name)
+    {
+        client_ = jack_client_open(name, JackNoStartServer, nullptr);
+        if (client_ != nullptr) {
+            port_ = jack_port_register(client_, "out", JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput, 0);
+            jack_set_process_callback(client_, &Flood::thunk, this);
+            active_ = port_ != nullptr && jack_activate(client_) == 0;
+        }
+    }
+    ~Flood()
+    {
+        if (client_ != nullptr) {
+            jack_client_close(client_);
+        }
+    }
+    bool active() const { return active_; }
+    bool connected() { return jack_port_connected(port_) > 0; }
+
+    std::atomic<bool> playing{false};
+    std::atomic<std::uint32_t> sent{0};
+
+    // The number a message carries (four 7-bit digits after F0 7D), or -1
+    // when it is not one of ours, whole.
+    static long numberOf(const Bytes &m)
+    {
+        if (m.size() != kFloodSize || m[0] != 0xF0 || m[1] != 0x7D || m.back() != 0xF7) {
+            return -1;
+        }
+        for (std::size_t i = 6; i + 1 < m.size(); ++i) {
+            if (m[i] != std::uint8_t(i & 0x7F)) {
+                return -1;
+            }
+        }
+        return long(m[2]) | long(m[3]) << 7 | long(m[4]) << 14 | long(m[5]) << 21;
+    }
+
+private:
+    static int thunk(jack_nframes_t frames, void *self)
+    {
+        static_cast<Flood *>(self)->process(frames);
+        return 0;
+    }
+    void process(jack_nframes_t frames)
+    {
+        void *buffer = jack_port_get_buffer(port_, frames);
+        jack_midi_clear_buffer(buffer);
+        while (playing && jack_midi_max_event_size(buffer) >= kFloodSize) {
+            jack_midi_data_t *m = jack_midi_event_reserve(buffer, 0, kFloodSize);
+            std::uint32_t n = sent;
+            m[0] = 0xF0;
+            m[1] = 0x7D;
+            for (int digit = 0; digit < 4; ++digit) {
+                m[2 + digit] = std::uint8_t(n >> (7 * digit) & 0x7F);
+            }
+            for (std::size_t i = 6; i + 1 < kFloodSize; ++i) {
+                m[i] = std::uint8_t(i & 0x7F);
+            }
+            m[kFloodSize - 1] = 0xF7;
+            sent = n + 1;
+        }
+    }
+
+    jack_client_t *client_ = nullptr;
+    jack_port_t *port_ = nullptr;
+    bool active_ = false;
+};
+
+// An owner that stops reading while JACK plays into its port faster than
+// anyone could: the bridge's buffers fill, and what did not fit is counted
+// in info and logged; what the owner then reads is whole messages in the
+// order played, and with the count makes up everything played.
+TEST_F(JackTest, AFullRingIsCountedAndReportedAndLosesNoMessageUncounted)
 {
     startJack();
     startBridge();
+    int owner = own("Flood", O_RDONLY);
+    ASSERT_GE(owner, 0);
+    ASSERT_TRUE(eventually([&] { return jackPorts().count("ambrel:Flood in") == 1; }));
+    Flood flood("flood");
+    ASSERT_TRUE(flood.active());
+    ASSERT_TRUE(connect("flood:out", "ambrel:Flood in"));
+    ASSERT_TRUE(eventually([&] { return flood.connected(); }));
+    flood.playing = true;
+    std::uint64_t lost = 0;
+    EXPECT_TRUE(eventually([&] {
+        lost = std::stoull(info("Flood")["jack-in-lost"]);
+        return lost > 0;
+    }, 20)) << flood.sent << " messages played, none counted lost";
+    flood.playing = false;
+    std::this_thread::sleep_for(200ms); // a few periods: the last ones reach the ring
+    lost = std::stoull(info("Flood")["jack-in-lost"]);
+
+    std::vector<long> numbers;
+    Bytes stream;
+    auto end = Clock::now() + 20s;
+    while (numbers.size() + lost < flood.sent && Clock::now() < end) {
+        Bytes b = readBytes(owner, 1, 0.5);
+        stream.insert(stream.end(), b.begin(), b.end());
+        std::size_t whole = stream.size() - stream.size() % Flood::kFloodSize;
+        for (std::size_t at = 0; at < whole; at += Flood::kFloodSize) {
+            numbers.push_back(Flood::numberOf(Bytes(stream.begin() + long(at), stream.begin() + long(at + Flood::kFloodSize))));
+        }
+        stream.erase(stream.begin(), stream.begin() + long(whole));
+    }
+    EXPECT_TRUE(stream.empty()) << stream.size() << " bytes of a message cut short";
+    EXPECT_EQ(numbers.size() + lost, flood.sent) << numbers.size() << " read, " << lost << " counted lost";
+    EXPECT_TRUE(readBytes(owner, 1, 0.3).empty()) << "more than was played";
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+        ASSERT_GE(numbers[i], 0) << "message " << i << " is not whole";
+        ASSERT_TRUE(i == 0 || numbers[i] > numbers[i - 1]) << "message " << i << " out of order";
+    }
+    EXPECT_TRUE(eventually([&] {
+        return daemonLog().find("port \"Flood\": " + std::to_string(lost) + " events played into it lost so far (" +
+                                std::to_string(lost) + " while its owner read too slowly") != std::string::npos;
+    })) << daemonLog();
+    EXPECT_EQ(info("Flood")["jack-in-lost"], std::to_string(lost)) << "counted once";
+}
+
+// 128 ports at once, and names JACK refuses: ':' (its separator) and a
+// name longer than a JACK port name takes, mapped as the daemon's unit
+// test says, shown by info and `ambrel list`, whole in JACK's metadata.
+TEST_F(JackTest, ManyPortsAndNamesJackRefuses)
+{
+    startJack();
+    // The bridge asked for by the config file, under a client name of its
+    // own (as long as "ambrel", so the cuts below hold for both).
+    const std::string conf = mount_ + ".conf";
+    std::ofstream(conf) << "jack = true\njack-client = studio\n";
+    client_ = "studio";
+    startDaemon({"--config", conf});
     std::vector<int> owners;
     for (int i = 0; i < 128; ++i) {
         int fd = openFile(path("p" + std::to_string(i)), O_RDWR);
@@ -471,31 +605,36 @@ TEST_F(JackTest, ManyPortsAndNamesJackRefuses)
     }
     EXPECT_TRUE(eventually([&] { return jackPorts().empty(); }, 20)) << jackPorts().size();
 
-    // Two names alike in the 242 bytes that fit beside "ambrel:" and " in"
+    // Two names alike in the 245 bytes that fit beside "studio:" and " in"
     // within JACK's 255, and a control character.
     const std::string longA = std::string(250, 'x') + "A", longB = std::string(250, 'x') + "B";
     const std::string cut(255 - 7 - 3, 'x'), cutMarked(255 - 7 - 3 - 2, 'x');
     ASSERT_GE(own(longA, O_RDONLY), 0);
     ASSERT_GE(own(longB, O_RDONLY), 0);
     ASSERT_GE(own("Tab\there", O_WRONLY), 0);
-    const std::set<std::string> expected = {"ambrel:" + cut + " in", "ambrel:" + cutMarked + "~2 in",
-                                            "ambrel:Tab_here out"};
+    const std::set<std::string> expected = {"studio:" + cut + " in", "studio:" + cutMarked + "~2 in",
+                                            "studio:Tab_here out"};
     EXPECT_TRUE(eventually([&] { return jackPorts() == expected; })) << daemonLog();
     std::string a = info(longA)["jack-in"], b = info(longB)["jack-in"];
-    EXPECT_TRUE((a == "ambrel:" + cut + " in" && b == "ambrel:" + cutMarked + "~2 in") ||
-                (b == "ambrel:" + cut + " in" && a == "ambrel:" + cutMarked + "~2 in"))
+    EXPECT_TRUE((a == "studio:" + cut + " in" && b == "studio:" + cutMarked + "~2 in") ||
+                (b == "studio:" + cut + " in" && a == "studio:" + cutMarked + "~2 in"))
         << a << "\n" << b;
-    EXPECT_EQ(info("Tab\there")["jack-out"], "ambrel:Tab_here out");
+    EXPECT_EQ(info("Tab\there")["jack-out"], "studio:Tab_here out");
     Command list(cli({"list", "--json"}));
     ASSERT_EQ(list.wait(), 0) << list.errors();
     std::string json = list.output();
-    EXPECT_NE(json.find("\"jack_in\": null, \"jack_out\": \"ambrel:Tab_here out\""), std::string::npos) << json;
+    EXPECT_NE(json.find("\"jack_in\": null, \"jack_out\": \"studio:Tab_here out\""), std::string::npos) << json;
     EXPECT_NE(json.find("\"jack_in\": \"" + a + "\", \"jack_out\": null"), std::string::npos) << json;
     Command table(cli({"list"}));
     ASSERT_EQ(table.wait(), 0) << table.errors();
     std::string text = table.output();
     EXPECT_NE(text.find(" JACK\n"), std::string::npos) << text;
-    EXPECT_NE(text.find(" ambrel:Tab_here out\n"), std::string::npos) << text;
+    EXPECT_NE(text.find(" studio:Tab_here out\n"), std::string::npos) << text;
+    // JACK metadata carries the whole name as the pretty name.
+    Command pretty({"/usr/bin/jack_property", "--port", "-l", a, "http://jackaudio.org/metadata/pretty-name"});
+    ASSERT_EQ(pretty.wait(), 0) << pretty.errors();
+    EXPECT_EQ(pretty.output(), (a == "studio:" + cut + " in" ? longA : longB) + " in\n");
+    unlink(conf.c_str());
 }
 
 } // namespace
