@@ -47,10 +47,10 @@ namespace {
 
 // jackd keeps a machine-wide table of eight servers in /dev/shm, and a
 // server that had to be killed keeps its entry: this run's servers (and
-// their clients) get a /dev/shm of their own, made before any thread runs.
+// their clients) get a mount namespace of their own, made before any thread
+// runs, and each server a fresh /dev/shm in it (startJackd).
 const bool gPrivateShm = [] {
-    return geteuid() == 0 && unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
+    return geteuid() == 0 && unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }();
 
 constexpr int kLatencyMessages = 2000;
@@ -350,6 +350,9 @@ pid_t startJackd(bool roundTrip = false)
     jack_set_error_function([](const char *) {});
     jack_set_info_function([](const char *) {});
     std::string period = jackPeriod();
+    if (gPrivateShm) {
+        mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777");
+    }
     pid_t server = fork();
     if (server == 0) {
         int devnull = open("/dev/null", O_WRONLY);

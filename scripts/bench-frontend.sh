@@ -22,24 +22,27 @@ build/bench/bench/ambrel_bench_frontend --benchmark_out="$out" --benchmark_out_f
 python3 - "$out" <<'PY'
 import json, sys
 # One row per benchmark and argument: with repetitions, the median row
-# stands for them (mean, stddev and cv rows are left out); without, the run
-# itself.
+# stands for them (mean, stddev and cv rows are left out); without one (no
+# repetitions, or repetitions that failed), the first run that did not fail,
+# else the first that did.
 runs = {}
 for r in json.load(open(sys.argv[1]))["benchmarks"]:
     parts = [p for p in r.get("run_name", r["name"]).split("/")
              if not p.startswith(("iterations:", "repeats:", "min_time:", "real_time", "manual_time"))]
     key = "/".join(parts)
-    kind = r.get("aggregate_name", "median") if r.get("run_type") == "aggregate" else "run"
+    kind = r.get("aggregate_name") if r.get("run_type") == "aggregate" else "run"
     if kind not in ("median", "run"):
         continue
-    if kind == "median" or runs.get(key, {}).get("_kind") != "median":
-        r["_kind"] = kind
-        runs[key] = r
+    rank = (kind == "median", not r.get("error_message"))
+    if key not in runs or rank > runs[key][0]:
+        runs[key] = (rank, r)
+runs = {k: r for k, (_, r) in runs.items()}
 def get(key, field):
     r = runs.get(key, {})
     return None if r.get("error_message") else r.get(field)
 def why(key):
-    return runs.get(key, {}).get("error_message", "not run")
+    # Errors quote the tools' output: one line of it.
+    return " ".join(runs.get(key, {}).get("error_message", "not run").split())[:160]
 print()
 print("note-on between two processes (same run)")
 print(f"  {'path':28s} {'median us':>10s} {'p99 us':>10s}")

@@ -505,7 +505,7 @@ private:
                 b->toDriver = jack_ringbuffer_create(kRingBytes);
                 b->in = registerPort(" in", JackPortIsInput, &b->inName);
                 if (b->in == nullptr) {
-                    closePin(b->renderPin, b->renderFilter);
+                    closePortPin(&b->renderFilter, &b->renderPin);
                 }
             }
         }
@@ -518,7 +518,7 @@ private:
                 b->toJack = jack_ringbuffer_create(kRingBytes);
                 b->out = registerPort(" out", JackPortIsOutput, &b->outName);
                 if (b->out == nullptr) {
-                    closePin(b->capturePin, b->captureFilter);
+                    closePortPin(&b->captureFilter, &b->capturePin);
                 } else {
                     Bridged *raw = b.get();
                     b->reader = std::thread([this, raw] { captureWork(raw); });
@@ -577,8 +577,8 @@ private:
                          static_cast<unsigned long long>(left), raw->name.c_str(),
                          raw->link->goneError() != 0 ? "the port closed" : "the bridge left JACK");
         }
-        closePin(raw->renderPin, raw->renderFilter);
-        closePin(raw->capturePin, raw->captureFilter);
+        closePortPin(&raw->renderFilter, &raw->renderPin);
+        closePortPin(&raw->captureFilter, &raw->capturePin);
         for (jack_port_t *port : {raw->in, raw->out}) {
             if (port != nullptr && !serverGone_) {
                 jack_remove_properties(client_, jack_port_uuid(port));
@@ -599,18 +599,6 @@ private:
     {
         std::size_t colon = fullName.find(':');
         return colon == std::string::npos ? fullName : fullName.substr(colon + 1);
-    }
-
-    static void closePin(std::unique_ptr<hk::midi::Pin> &pin, std::unique_ptr<hk::midi::Filter> &filter)
-    {
-        if (pin) {
-            pin->close();
-            pin.reset();
-        }
-        if (filter) {
-            filter->close();
-            filter.reset();
-        }
     }
 
     // Gives the process thread a new snapshot of the bridged ports (without
@@ -648,25 +636,20 @@ private:
         for (auto &entry : known_) {
             Losses &l = *entry.second.losses;
             std::string name = utf16ToUtf8(entry.second.view.name);
-            std::uint64_t in = l.ringFull + l.malformed, out = l.fromPort();
-            if (in != l.reportedIn) {
-                std::fprintf(stderr,
-                             "ambreld: JACK: port \"%s\": %llu events played into it lost so far (%llu while its "
-                             "owner read too slowly, %llu not MIDI it carries)\n",
-                             name.c_str(), static_cast<unsigned long long>(in),
-                             static_cast<unsigned long long>(l.ringFull.load()),
-                             static_cast<unsigned long long>(l.malformed.load()));
-                l.reportedIn = in;
-            }
-            if (out != l.reportedOut) {
-                std::fprintf(stderr,
-                             "ambreld: JACK: port \"%s\": %llu events its owner wrote lost so far (%llu larger than "
-                             "a JACK MIDI buffer, %llu while JACK ran no cycles)\n",
-                             name.c_str(), static_cast<unsigned long long>(out),
-                             static_cast<unsigned long long>(l.tooLarge.load()),
-                             static_cast<unsigned long long>(l.stalled.load()));
-                l.reportedOut = out;
-            }
+            auto say = [&](std::uint64_t total, std::uint64_t *reported, const char *what, std::uint64_t first,
+                           const char *firstWhy, std::uint64_t second, const char *secondWhy) {
+                if (total != *reported) {
+                    std::fprintf(stderr, "ambreld: JACK: port \"%s\": %llu events %s lost so far (%llu %s, %llu %s)\n",
+                                 name.c_str(), static_cast<unsigned long long>(total), what,
+                                 static_cast<unsigned long long>(first), firstWhy,
+                                 static_cast<unsigned long long>(second), secondWhy);
+                    *reported = total;
+                }
+            };
+            say(l.ringFull + l.malformed, &l.reportedIn, "played into it", l.ringFull, "while its owner read too slowly",
+                l.malformed, "not MIDI it carries");
+            say(l.fromPort(), &l.reportedOut, "its owner wrote", l.tooLarge, "larger than a JACK MIDI buffer", l.stalled,
+                "while JACK ran no cycles");
         }
     }
 

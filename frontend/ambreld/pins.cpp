@@ -48,17 +48,7 @@ protected:
     std::unique_ptr<hk::midi::Filter> filter_;
     std::unique_ptr<hk::midi::Pin> pin_;
 
-    void closePin()
-    {
-        if (pin_) {
-            pin_->close();
-            pin_.reset();
-        }
-        if (filter_) {
-            filter_->close();
-            filter_.reset();
-        }
-    }
+    void closePin() { closePortPin(&filter_, &pin_); }
 
 public:
     NTSTATUS openOn(std::shared_ptr<hk::Process> process, const PortView &port, bool render)
@@ -611,6 +601,18 @@ NTSTATUS openPortPin(hk::Process &process, const PortView &port, bool render,
         filter->reset();
     }
     return status;
+}
+
+void closePortPin(std::unique_ptr<hk::midi::Filter> *filter, std::unique_ptr<hk::midi::Pin> *pin)
+{
+    if (*pin) {
+        (*pin)->close();
+        pin->reset();
+    }
+    if (*filter) {
+        (*filter)->close();
+        filter->reset();
+    }
 }
 
 void forEachCaptureRecord(const KSSTREAM_HEADER &header, const std::uint8_t *data, const CaptureRecordSink &sink)

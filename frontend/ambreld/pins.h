@@ -61,6 +61,8 @@ extern const std::chrono::milliseconds kDrainPatience;
 // first render kind with room) or capture. The filter stays open under it.
 NTSTATUS openPortPin(hostkernel::Process &process, const PortView &port, bool render,
                      std::unique_ptr<hostkernel::midi::Filter> *filter, std::unique_ptr<hostkernel::midi::Pin> *pin);
+// Closes what openPortPin opened (either may be empty), the pin first.
+void closePortPin(std::unique_ptr<hostkernel::midi::Filter> *filter, std::unique_ptr<hostkernel::midi::Pin> *pin);
 
 // The records of one capture read's header: bytes and the driver's time of
 // each (100-ns units).

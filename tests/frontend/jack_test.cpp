@@ -22,10 +22,10 @@ using namespace std::chrono_literals;
 
 // jackd keeps a machine-wide table of eight servers in /dev/shm, and a
 // server that was killed keeps its entry: this binary's servers (and their
-// clients) get a /dev/shm of their own, made before any thread runs.
+// clients) get a mount namespace of their own, made before any thread
+// runs, and each server a fresh /dev/shm in it (see startJack).
 const bool gPrivateShm = [] {
-    return geteuid() == 0 && unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
+    return geteuid() == 0 && unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }();
 
 constexpr int kRate = 48000;
@@ -77,6 +77,7 @@ protected:
     // jackd on the dummy backend, ready once jack_lsp reaches it.
     void startJack()
     {
+        ASSERT_EQ(mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777"), 0) << std::strerror(errno);
         std::string log = mount_ + ".jackd";
         jackd_ = std::make_unique<Child>([&] {
             int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
@@ -113,6 +114,19 @@ protected:
     // An owner's descriptor, kept from the programs the test starts (a
     // program holding it open would keep the port).
     int own(const std::string &name, int mode) { return openFile(path(name), mode | O_CLOEXEC); }
+
+    // jackd, the bridge, and a port owned by the test, once its JACK port
+    // `side` (" in" or " out") is in the graph; -1 when it is not.
+    int ownBridged(const std::string &name, int mode, const std::string &side)
+    {
+        startJack();
+        startBridge();
+        int owner = own(name, mode);
+        EXPECT_GE(owner, 0) << name;
+        bool joined = owner >= 0 && eventually([&] { return jackPorts().count(client_ + ":" + name + side) == 1; });
+        EXPECT_TRUE(joined) << daemonLog();
+        return joined ? owner : -1;
+    }
 
     // A JACK program of ours to end: its own Command, killed at teardown.
     std::unique_ptr<Command> run(const std::vector<std::string> &argv)
@@ -237,11 +251,8 @@ TEST_F(JackTest, PortsAppearByDirectionAndLeaveWithTheirOwner)
 // in order, as far apart as they were played.
 TEST_F(JackTest, ASequencePlayedIntoThePortReachesTheOwnerInOrderAndInTime)
 {
-    startJack();
-    startBridge();
-    int owner = own("Seq", O_RDONLY);
+    int owner = ownBridged("Seq", O_RDONLY, " in");
     ASSERT_GE(owner, 0);
-    ASSERT_TRUE(eventually([&] { return jackPorts().count("ambrel:Seq in") == 1; }));
     auto seq = run({"/usr/bin/jack_midiseq", "seq", "24000", "0", "60", "8000", "12000", "63", "8000"});
     ASSERT_TRUE(connect("seq:out", "ambrel:Seq in"));
     const std::vector<Bytes> loop = {{0x90, 60, 64}, {0x80, 60, 64}, {0x90, 63, 64}, {0x80, 63, 64}};
@@ -287,11 +298,8 @@ TEST_F(JackTest, ASequencePlayedIntoThePortReachesTheOwnerInOrderAndInTime)
 // (not every one at the start of a period).
 TEST_F(JackTest, WhatTheOwnerWritesReachesMidiDumpWholeAndAtItsFrames)
 {
-    startJack();
-    startBridge();
-    int owner = own("Dump", O_WRONLY);
+    int owner = ownBridged("Dump", O_WRONLY, " out");
     ASSERT_GE(owner, 0);
-    ASSERT_TRUE(eventually([&] { return jackPorts().count("ambrel:Dump out") == 1; }));
     const std::string dumpLog = mount_ + ".dump";
     auto dump = run({"/bin/sh", "-c", "exec /usr/bin/stdbuf -oL /usr/bin/jack_midi_dump -a dumper >" + dumpLog});
     ASSERT_TRUE(connect("ambrel:Dump out", "dumper:input"));
@@ -536,11 +544,8 @@ private:
 // order played, and with the count makes up everything played.
 TEST_F(JackTest, AFullRingIsCountedAndReportedAndLosesNoMessageUncounted)
 {
-    startJack();
-    startBridge();
-    int owner = own("Flood", O_RDONLY);
+    int owner = ownBridged("Flood", O_RDONLY, " in");
     ASSERT_GE(owner, 0);
-    ASSERT_TRUE(eventually([&] { return jackPorts().count("ambrel:Flood in") == 1; }));
     Flood flood("flood");
     ASSERT_TRUE(flood.active());
     ASSERT_TRUE(connect("flood:out", "ambrel:Flood in"));
