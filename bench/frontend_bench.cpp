@@ -47,10 +47,10 @@ namespace {
 
 // jackd keeps a machine-wide table of eight servers in /dev/shm, and a
 // server that had to be killed keeps its entry: this run's servers (and
-// their clients) get a mount namespace of their own, made before any thread
-// runs, and each server a fresh /dev/shm in it (startJackd).
+// their clients) get a /dev/shm of their own, made before any thread runs.
 const bool gPrivateShm = [] {
-    return geteuid() == 0 && unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    return geteuid() == 0 && unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
 }();
 
 constexpr int kLatencyMessages = 2000;
@@ -350,9 +350,6 @@ pid_t startJackd(bool roundTrip = false)
     jack_set_error_function([](const char *) {});
     jack_set_info_function([](const char *) {});
     std::string period = jackPeriod();
-    if (gPrivateShm) {
-        mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777");
-    }
     pid_t server = fork();
     if (server == 0) {
         int devnull = open("/dev/null", O_WRONLY);
@@ -495,8 +492,11 @@ struct JackTransport : Transport {
             jack_ringbuffer_free(sender.ring);
             sender.ring = nullptr;
         }
-        stopChild(child);
+        // The server first: killed under it, a client makes jackd wait for
+        // it in its own shutdown past stopServer's patience, and a killed
+        // jackd keeps its entry in the table of servers.
         stopServer(server);
+        stopChild(child);
     }
 };
 
@@ -693,8 +693,8 @@ void BM_RoundTrip_Jack_Direct(benchmark::State &state)
     for (auto _ : state) {
         why = runLatencyTool("pass:in", "pass:out", &text);
     }
+    stopServer(server); // before its client, as above
     stopChild(pass);
-    stopServer(server);
     if (!why.empty()) {
         state.SkipWithError(why.c_str());
         return;

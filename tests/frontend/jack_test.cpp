@@ -464,7 +464,9 @@ TEST_F(JackTest, ServersThatComeGoAndReturnAreFollowed)
     EXPECT_TRUE(eventually([&] { return jackPorts().size() == 2; })) << daemonLog();
 }
 
-// A JACK client of the test's own: while `playing`, it fills every period
+// A JACK client of the test's own (the only one in this process: libjack
+// reads the table of servers of the first /dev/shm it meets, and each
+// jackd here gets a fresh one): while `playing`, it fills every period
 // with numbered SysEx messages of kFloodSize bytes, as many as JACK's MIDI
 // buffer takes, and counts them.
 class Flood {
