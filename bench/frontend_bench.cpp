@@ -643,8 +643,13 @@ std::string runLatencyTool(const char *out, const char *in, std::string *text)
     return "";
 }
 
-void reportRoundTrip(benchmark::State &state, const std::string &text)
+// The tool's report (`why` says why it did not run, when it did not).
+void reportRoundTrip(benchmark::State &state, const std::string &why, const std::string &text)
 {
+    if (!why.empty()) {
+        state.SkipWithError(why.c_str());
+        return;
+    }
     std::smatch m;
     static const std::regex average(R"(Average latency: [0-9.]+ ms \(([0-9.]+) frames\))");
     static const std::regex highest(R"(Highest latency: [0-9.]+ ms \(([0-9]+) frames\))");
@@ -695,11 +700,7 @@ void BM_RoundTrip_Jack_Direct(benchmark::State &state)
     }
     stopServer(server); // before its client, as above
     stopChild(pass);
-    if (!why.empty()) {
-        state.SkipWithError(why.c_str());
-        return;
-    }
-    reportRoundTrip(state, text);
+    reportRoundTrip(state, why, text);
 }
 
 void BM_RoundTrip_Jack_AmbrelEcho(benchmark::State &state)
@@ -749,11 +750,7 @@ void BM_RoundTrip_Jack_AmbrelEcho(benchmark::State &state)
     stopServer(daemon);
     stopServer(server);
     rmdir(mount);
-    if (!why.empty()) {
-        state.SkipWithError(why.c_str());
-        return;
-    }
-    reportRoundTrip(state, text);
+    reportRoundTrip(state, why, text);
 }
 
 void BM_Latency_Ambrel_Render(benchmark::State &state)
