@@ -59,7 +59,7 @@ if command -v jackd >/dev/null && command -v jack_lsp >/dev/null; then
     jack_args=(--jack)
     if ! jack_lsp >/dev/null 2>&1; then
         server=${JACK_DEFAULT_SERVER:-default}
-        nohup jackd --no-realtime -n "$server" -d dummy -r 48000 -p 256 >jackd.log 2>&1 &
+        nohup jackd --no-realtime -t 10000 -n "$server" -d dummy -r 48000 -p 256 >jackd.log 2>&1 &
         jackd_pid=$!
         [ -n "${AMBREL_JACKD_PIDFILE:-}" ] && echo "$jackd_pid" >"$AMBREL_JACKD_PIDFILE"
         for _ in $(seq 100); do
