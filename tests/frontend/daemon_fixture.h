@@ -106,6 +106,30 @@ private:
     int status_ = -1;
 };
 
+// A process of its own that opens `path` for reading and writing (an owner,
+// when `path` names a port) and keeps it open until it is killed. Returns
+// once that open has been answered: whether it succeeded.
+inline bool ownInAnotherProcess(const std::string &path, std::unique_ptr<Child> *child)
+{
+    int ready[2];
+    if (pipe(ready) != 0) {
+        return false;
+    }
+    *child = std::make_unique<Child>([&] {
+        int fd = ::open(path.c_str(), O_RDWR);
+        (void)!::write(ready[1], fd >= 0 ? "y" : "n", 1);
+        for (;;) {
+            pause();
+        }
+        return 0;
+    });
+    char c = 0;
+    bool answered = read(ready[0], &c, 1) == 1;
+    close(ready[0]);
+    close(ready[1]);
+    return answered && c == 'y';
+}
+
 // A program run with its standard output and error captured (standard
 // input: `input`, else /dev/null).
 class Command {

@@ -261,23 +261,11 @@ TEST_F(DaemonTest, PinKindsStopAtSixteenRenderAndEightCapture)
 
 TEST_F(DaemonTest, ADeadOwnerOrClientLetsGoOfItsPortAndPins)
 {
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
     std::string doomed = path("Doomed");
-    Child owner([&] {
-        int fd = ::open(doomed.c_str(), O_RDWR);
-        char c = fd >= 0 ? 'y' : 'n';
-        (void)!::write(ready[1], &c, 1);
-        for (;;) {
-            pause();
-        }
-        return 0;
-    });
-    char c = 0;
-    ASSERT_EQ(read(ready[0], &c, 1), 1);
-    ASSERT_EQ(c, 'y');
+    std::unique_ptr<Child> owner;
+    ASSERT_TRUE(ownInAnotherProcess(doomed, &owner));
     ASSERT_TRUE(exists(portFile("Doomed", AMBREL_INFO_FILE)));
-    owner.kill();
+    owner->kill();
     // The directory goes when the port is unpublished, the name a moment
     // later when its record is freed.
     EXPECT_TRUE(eventually([&] { return !exists(portFile("Doomed", "")); }));
@@ -297,8 +285,6 @@ TEST_F(DaemonTest, ADeadOwnerOrClientLetsGoOfItsPortAndPins)
     ASSERT_TRUE(eventually([&] { return listed(watched, client.pid()); }));
     client.kill();
     EXPECT_TRUE(eventually([&] { return processIds(watched).empty(); }));
-    close(ready[0]);
-    close(ready[1]);
 }
 
 TEST_F(DaemonTest, AReaderKilledMidStreamDiesAtOnce)
@@ -636,20 +622,8 @@ TEST_F(DaemonTest, WritesLargerThanTheFifoReachASlowOwnerWholeBeforeCloseReturns
 
 TEST_F(DaemonTest, AWithdrawnPortFailsItsWritersReadersAndCommands)
 {
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    std::string own = path("Gone");
-    Child owner([&] {
-        int fd = ::open(own.c_str(), O_RDWR);
-        (void)!::write(ready[1], fd >= 0 ? "y" : "n", 1);
-        for (;;) {
-            pause();
-        }
-        return 0;
-    });
-    char c = 0;
-    ASSERT_EQ(read(ready[0], &c, 1), 1);
-    ASSERT_EQ(c, 'y');
+    std::unique_ptr<Child> owner;
+    ASSERT_TRUE(ownInAnotherProcess(path("Gone"), &owner));
     int out = openFile(portFile("Gone", AMBREL_OUT_FILE), O_WRONLY);
     int in = openFile(portFile("Gone", AMBREL_IN_FILE), O_RDONLY);
     ASSERT_GE(out, 0);
@@ -670,7 +644,7 @@ TEST_F(DaemonTest, AWithdrawnPortFailsItsWritersReadersAndCommands)
         waitedErrno = errno;
     });
     std::this_thread::sleep_for(1s);
-    owner.kill();
+    owner->kill();
     writer.join();
     reader.join();
     // The blocked write returns what reached the port before it went (a
@@ -687,8 +661,6 @@ TEST_F(DaemonTest, AWithdrawnPortFailsItsWritersReadersAndCommands)
     EXPECT_EQ(waitedErrno.load(), ESHUTDOWN);
     EXPECT_EQ(write(out, kNoteOn.data(), 3), -1);
     EXPECT_EQ(errno, ESHUTDOWN);
-    close(ready[0]);
-    close(ready[1]);
 }
 
 TEST_F(DaemonTest, MidiTheDriverWouldDropIsRefusedWithTheReason)
