@@ -58,6 +58,7 @@ public:
     std::uint64_t nextSequence = 1;
     bool running = false;
     std::uint64_t runningSequence = 0;
+    unsigned flushWaiters = 0; // threads in KeFlushQueuedDpcs
     bool stop = false;
     std::thread thread;
 
@@ -150,7 +151,12 @@ private:
         timer->Header.Inserted = 0;
         signalTimer(timer);
         if (timer->Period > 0) {
-            insertTimerLocked(timer, key.first + std::chrono::milliseconds(timer->Period));
+            // A periodic timer that fell behind fires once and goes on from
+            // now, as on Windows: no burst of catch-up expiries holding the
+            // engine while other threads wait for it.
+            Clock::time_point next = key.first + std::chrono::milliseconds(timer->Period);
+            Clock::time_point now = Clock::now();
+            insertTimerLocked(timer, next > now ? next : now + std::chrono::milliseconds(timer->Period));
         }
         if (timer->Dpc != nullptr) {
             LARGE_INTEGER now;
@@ -201,6 +207,13 @@ private:
                 lock.lock();
                 running = false;
                 idleCv.notify_all();
+                if (flushWaiters > 0) {
+                    // Let a flush woken just now take the lock before the
+                    // next round of expiries: a busy engine would starve it.
+                    lock.unlock();
+                    std::this_thread::yield();
+                    lock.lock();
+                }
                 continue;
             }
             if (timers.empty()) {
@@ -409,7 +422,9 @@ void KeFlushQueuedDpcs(void)
     Engine &e = engine();
     std::unique_lock<std::mutex> lock(e.mutex);
     std::uint64_t last = e.nextSequence - 1;
+    ++e.flushWaiters;
     e.idleCv.wait(lock, [&] { return !e.busyUpTo(last); });
+    --e.flushWaiters;
 }
 
 // ------------------------------------------------------------------ timers
