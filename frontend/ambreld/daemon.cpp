@@ -706,7 +706,7 @@ std::string infoText(hk::Process &reader, const PortView &p)
         out << "\n";
     }
     if (gState->graph) {
-        out << gState->graph->describe(p.referenceString);
+        out << gState->graph->describe(p.referenceString, link.get());
     }
     return out.str();
 }

@@ -200,11 +200,11 @@ public:
         commandCv_.notify_all();
     }
 
-    std::string describe(const std::u16string &referenceString) override
+    std::string describe(const std::u16string &referenceString, const PortLink *owner) override
     {
         std::lock_guard<std::mutex> lock(stateMutex_);
         auto it = known_.find(referenceString);
-        if (it == known_.end()) {
+        if (it == known_.end() || owner == nullptr || it->second.link.get() != owner) {
             return "";
         }
         std::ostringstream out;

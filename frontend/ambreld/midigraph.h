@@ -26,8 +26,10 @@ public:
     // A port its owner has just opened (the link is the owner's).
     virtual void portAdded(const PortView &port, std::shared_ptr<PortLink> link) = 0;
     // "key: value" lines for the port's info file ("" when the graph does
-    // not show the port).
-    virtual std::string describe(const std::u16string &referenceString) = 0;
+    // not show the port). `owner` is the link of the port's owner now: a
+    // slot's earlier port may linger in the graph a moment after its close,
+    // and its names are not the new port's.
+    virtual std::string describe(const std::u16string &referenceString, const PortLink *owner) = 0;
     // Bytes still on their way to owners through the graph.
     virtual std::size_t inFlight() = 0;
     // Leaves the graph and closes every pin; said once, before the driver goes.

@@ -248,6 +248,51 @@ TEST_F(JackTest, PortsAppearByDirectionAndLeaveWithTheirOwner)
     }
 }
 
+// The bridge lets go of a closed port's slot before it has taken the port's
+// JACK ports out of the graph; a port opened in that moment takes the slot.
+// Its info names its own JACK ports or none, never its predecessor's.
+TEST_F(JackTest, APortInAReusedSlotIsNeverDescribedWithItsPredecessorsJackPorts)
+{
+    startJack();
+    startBridge();
+    const std::string names[] = {"Earlier", "Later"};
+    int owner = own(names[0], O_RDWR);
+    ASSERT_GE(owner, 0);
+    ASSERT_TRUE(eventually([&] { return jackPorts().count("ambrel:Earlier in") == 1; })) << daemonLog();
+    const std::string slot = info(names[0])["reference"];
+    ASSERT_FALSE(slot.empty());
+    for (int round = 1; round <= 6; ++round) {
+        const std::string &now = names[round % 2];
+        closeFile(owner);
+        // Opened again and again until it lands in the freed slot (the
+        // bridge's pins hold the slot a moment after the owner's close).
+        std::map<std::string, std::string> fields;
+        bool inSlot = false;
+        for (auto end = Clock::now() + std::chrono::seconds(10); !inSlot && Clock::now() < end;) {
+            owner = own(now, O_RDWR);
+            ASSERT_GE(owner, 0) << "round " << round;
+            fields = info(now);
+            inSlot = fields["reference"] == slot;
+            if (!inSlot) {
+                closeFile(owner);
+                std::this_thread::sleep_for(std::chrono::microseconds(500));
+            }
+        }
+        ASSERT_TRUE(inSlot) << "round " << round << "\n" << daemonLog();
+        if (fields.count("jack-in") != 0) {
+            EXPECT_EQ(fields["jack-in"], "ambrel:" + now + " in") << "round " << round;
+        }
+        if (fields.count("jack-out") != 0) {
+            EXPECT_EQ(fields["jack-out"], "ambrel:" + now + " out") << "round " << round;
+        }
+        ASSERT_TRUE(eventually([&] {
+            return jackPorts() == std::set<std::string>{"ambrel:" + now + " in", "ambrel:" + now + " out"};
+        })) << daemonLog();
+        EXPECT_EQ(info(now)["jack-in"], "ambrel:" + now + " in") << "round " << round;
+    }
+    closeFile(owner);
+}
+
 // jack_midiseq loops C4 (frames 0-8000) and D#4 (12000-20000) every 24000
 // frames into "NAME in": the owner reads exactly those note ons and offs,
 // in order, as far apart as they were played.
