@@ -47,6 +47,7 @@ int fromErrno(int e)
         return AMBREL_E_TOOBIG;
     case ENODEV:
     case ESHUTDOWN:
+    case ECONNABORTED: // a request the kernel cut off as ambreld stopped
         return AMBREL_E_CLOSED;
     case EBADF:
         return AMBREL_E_DIRECTION;
