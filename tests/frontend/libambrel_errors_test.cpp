@@ -102,10 +102,16 @@ TEST_F(LibambrelErrors, EachErrnoBecomesItsStatusOnReadWriteAndProcessIds)
         int error;
         int status;
     } cases[] = {
-        {EINVAL, -1},        {ENAMETOOLONG, -1}, {EEXIST, -2},    {ENOSPC, -3},        {ENOMEM, -4},
-        {ENOBUFS, -4},       {ENOENT, -5},       {ENOTCONN, -5},  {EBUSY, -7},         {EMSGSIZE, -8},
-        {ENODEV, -9},        {ESHUTDOWN, -9},    {ECONNABORTED, -9}, {EBADF, -10},     {EIO, -12},
-        {EPERM, -12},        {EAGAIN, -12},
+        {EINVAL, -1}, {ENAMETOOLONG, -1},                  // AMBREL_E_INVALID
+        {EEXIST, -2},                                      // AMBREL_E_EXISTS
+        {ENOSPC, -3},                                      // AMBREL_E_FULL
+        {ENOMEM, -4}, {ENOBUFS, -4},                       // AMBREL_E_NOMEM
+        {ENOENT, -5}, {ENOTCONN, -5},                      // AMBREL_E_NODRIVER
+        {EBUSY, -7},                                       // AMBREL_E_BUSY
+        {EMSGSIZE, -8},                                    // AMBREL_E_TOOBIG
+        {ENODEV, -9}, {ESHUTDOWN, -9}, {ECONNABORTED, -9}, // AMBREL_E_CLOSED
+        {EBADF, -10},                                      // AMBREL_E_DIRECTION
+        {EIO, -12}, {EPERM, -12}, {EAGAIN, -12},           // AMBREL_E_IO
     };
     const unsigned char note[] = {0x90, 60, 100};
     unsigned char buffer[16];
