@@ -204,7 +204,7 @@ public:
     {
         std::lock_guard<std::mutex> lock(stateMutex_);
         auto it = known_.find(referenceString);
-        if (it == known_.end() || owner == nullptr || it->second.link.get() != owner) {
+        if (it == known_.end() || it->second.link.get() != owner) {
             return "";
         }
         std::ostringstream out;
